@@ -1,0 +1,65 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "storage/provider/ChangeEvents.h"
+#include "storage/provider/Export.h"
+#include "storage/provider/SingleFolderChangePoller.h"
+#include "storage/provider/StorageIRI.h"
+
+namespace foundation::storage::provider {
+
+// One background thread that, once per period, asks every registered folder's poller to
+// check for changes, reporting them all to one callback.
+//
+// The period counts from the end of a pass (steady clock). The thread holds the detector's
+// mutex through a whole pass, callbacks included: adding, removing or shutting down blocks
+// while a pass runs, and a callback that calls any of them on the same detector deadlocks.
+//
+// An exception that escapes a poll (anything but a missing folder, which is reported as
+// FolderVanished) ends the process through std::terminate: getters and callbacks must not
+// let exceptions escape.
+class QKFL_STORAGE_EXPORT PollingChangeEventsDetector {
+public:
+    // Starts the polling thread. Throws std::system_error "thread constructor failed".
+    PollingChangeEventsDetector(ChangeEventCallback callback, std::chrono::milliseconds period);
+    PollingChangeEventsDetector(const PollingChangeEventsDetector&) = delete;
+    PollingChangeEventsDetector& operator=(const PollingChangeEventsDetector&) = delete;
+    // Wakes the thread at once and joins it.
+    ~PollingChangeEventsDetector();
+
+    void start();
+    // Registers a folder and builds its first snapshot under the detector's mutex. A folder
+    // already registered keeps its first registration. Throws what the first snapshot throws;
+    // nothing is registered then.
+    void addFolderLocation(StorageIRI folder, SingleFolderChangePoller::EntryIteratorGetter iteratorGetter,
+                           SingleFolderChangePoller::FileAttributesGetter fileAttributesGetter,
+                           SingleFolderChangePoller::FolderAttributesGetter folderAttributesGetter,
+                           std::vector<events::Kind> kinds, RecursiveChangePolling recursive);
+    // Unregisters a folder; an unknown folder is ignored.
+    void removeFolderAtLocation(StorageIRI folder);
+    // Blocks for one period or until shutdown.
+    void awaitTimeout();
+    // Sets the shutdown flag without waking the thread: it stops when its current wait ends.
+    void triggerShutdown();
+    bool isShutdown() const;
+
+private:
+    void run();
+
+    ChangeEventCallback callback_;
+    std::chrono::milliseconds period_;
+    std::map<StorageIRI, std::unique_ptr<SingleFolderChangePoller>> pollers_;
+    mutable std::mutex mutex_;
+    std::thread thread_;
+    bool shutdown_ = false;
+    std::condition_variable wakeup_;
+};
+
+}  // namespace foundation::storage::provider

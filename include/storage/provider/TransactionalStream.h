@@ -1,0 +1,63 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <ios>
+#include <memory>
+
+#include "storage/provider/ByteStream.h"
+#include "storage/provider/Export.h"
+#include "storage/provider/Options.h"
+
+namespace foundation::storage::provider {
+
+// A stream whose bytes reach their target only when it is closed with Commit; Abort (or
+// destruction without a close) leaves the target as it was. One thread at a time, except
+// that a close racing with another close or the destructor runs the close action once.
+class QKFL_STORAGE_EXPORT TransactionalStream {
+public:
+    virtual ~TransactionalStream();
+
+    long read(char* buffer, long count) { return doRead(buffer, count); }
+    long write(const char* buffer, long count) { return doWrite(buffer, count); }
+    std::streampos seek(long offset, std::ios_base::seekdir origin) { return doSeek(offset, origin); }
+    // Ends the transaction. A close that throws leaves the stream open, so it can be closed
+    // again (for instance with Abort after a failed Commit). Closing again after a
+    // successful close does nothing.
+    void close(const StreamClosePolicy& policy) { doClose(policy); }
+    // The stream that carries the data.
+    ByteStream& byteStream() { return getByteStream(); }
+
+protected:
+    virtual long doRead(char* buffer, long count);
+    virtual long doWrite(const char* buffer, long count);
+    virtual std::streampos doSeek(long offset, std::ios_base::seekdir origin);
+    virtual void doClose(const StreamClosePolicy& policy) = 0;
+    virtual ByteStream& getByteStream() = 0;
+};
+
+template <class Stream>
+class GenericTransactionalStream;
+
+// A transactional stream over a data stream and a close action: on close the data stream is
+// closed, then the action runs with the policy (commit: move the scratch file over the
+// target; abort: remove it). Destruction of an open stream aborts and swallows failures.
+template <>
+class QKFL_STORAGE_EXPORT GenericTransactionalStream<ByteStream> : public TransactionalStream {
+public:
+    // Takes ownership of `stream`, which is left empty.
+    GenericTransactionalStream(std::unique_ptr<ByteStream>& stream,
+                               const std::function<void(const StreamClosePolicy&)>& onClose);
+    ~GenericTransactionalStream() override;
+
+protected:
+    void doClose(const StreamClosePolicy& policy) override;
+    ByteStream& getByteStream() override;
+
+private:
+    std::shared_ptr<ByteStream> stream_;
+    std::function<void(const StreamClosePolicy&)> onClose_;
+    std::atomic<bool> closed_{false};
+};
+
+}  // namespace foundation::storage::provider
