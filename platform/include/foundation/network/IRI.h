@@ -32,7 +32,8 @@ struct QKFL_PLATFORM_EXPORT IRIArgs {
         bool present = false;
 
         Component() = default;
-        Component(fl::ustring t) : text(std::move(t)), present(true) {}  // NOLINT: implicit by design
+        Component(fl::ustring t) : text(std::move(t)), present(true) {}       // NOLINT: implicit by design
+        Component(const char16_t* t) : text(t), present(true) {}              // NOLINT: implicit by design
         bool operator==(const Component&) const = default;
     };
 
