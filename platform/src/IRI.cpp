@@ -1,5 +1,6 @@
 #include "foundation/network/IRI.h"
 
+#include <algorithm>
 #include <array>
 #include <stdexcept>
 
@@ -122,6 +123,20 @@ void appendMapped(std::string& out, std::basic_string_view<CharT> text, const As
     std::size_t i = 0;
     const std::size_t n = text.size();
     while (i < n) {
+        // Most text is a run of characters copied as they are: copy it in one step.
+        std::size_t end = i;
+        while (end < n && static_cast<std::make_unsigned_t<CharT>>(text[end]) < 128 &&
+               table[static_cast<std::make_unsigned_t<CharT>>(text[end])] == kCopy) {
+            ++end;
+        }
+        if (end > i) {
+            const std::size_t at = out.size();
+            out.resize(at + (end - i));
+            std::copy(text.begin() + static_cast<std::ptrdiff_t>(i), text.begin() + static_cast<std::ptrdiff_t>(end),
+                      out.begin() + static_cast<std::ptrdiff_t>(at));
+            i = end;
+            if (i == n) break;
+        }
         const auto c = static_cast<std::make_unsigned_t<CharT>>(text[i]);
         if (c >= 128) {
             appendEscapedUtf8(out, nextCodePoint(text, i));
@@ -396,10 +411,16 @@ IRI::IRI() = default;
 namespace {
 
 boost::urls::url parseUtf16(fl::ustring_view text) {
-    const std::string uri = mapWhole(text);
+    // The URI text only lives until the url has copied it: map into a buffer kept per thread,
+    // which saves an allocation on every IRI built.
+    thread_local std::string uri;
+    uri.clear();
+    appendMapped(uri, text, kWhole);
     auto parsed = detail::parseReference(uri);
     if (!parsed) detail::throwUnparsable(uri, fl::i18n::to_string(text), parsed.error());
-    return boost::urls::url(*parsed);
+    boost::urls::url url(*parsed);
+    if (uri.capacity() > 4096) std::string().swap(uri);  // keep no memory for rare long texts
+    return url;
 }
 
 }  // namespace

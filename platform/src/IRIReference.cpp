@@ -72,10 +72,14 @@ bool hasDotSegment(std::string_view path) {
 
 // RFC 3986 section 5.2.3.
 std::string merge(const UriParts& base, std::string_view path) {
-    if (base.authority && base.path.empty()) return "/" + std::string(path);
-    const std::size_t slash = base.path.rfind('/');
-    if (slash == std::string_view::npos) return std::string(path);
-    return std::string(base.path.substr(0, slash + 1)) + std::string(path);
+    std::string merged;
+    if (base.authority && base.path.empty()) {
+        merged = "/";
+    } else if (const std::size_t slash = base.path.rfind('/'); slash != std::string_view::npos) {
+        merged = base.path.substr(0, slash + 1);
+    }
+    merged.append(path);
+    return merged;
 }
 
 std::vector<std::string_view> split(std::string_view path) {
@@ -165,11 +169,11 @@ IRI IRI::makeRelativeTo(const IRI& base) const {
     std::string text;
     if (target.path == b.path && (target.query == b.query || target.query)) {
         // The empty reference gives the base's path and query.
-        if (target.query != b.query) text = "?" + std::string(*target.query);
+        if (target.query != b.query) text.append("?").append(*target.query);
     } else if (target.path.empty() && target.authority) {
         // Only a reference with an authority yields an empty path.
-        text = "//" + std::string(*target.authority);
-        if (target.query) text += "?" + std::string(*target.query);
+        text.append("//").append(*target.authority);
+        if (target.query) text.append("?").append(*target.query);
     } else {
         const bool baseRooted = b.path.starts_with('/') || (b.path.empty() && b.authority);
         // Any reference with a path has its dot segments removed, and a relative path cannot
@@ -180,12 +184,13 @@ IRI IRI::makeRelativeTo(const IRI& base) const {
             b.path.empty() ? "/" : removeDotSegments(b.path.substr(0, b.path.rfind('/') + 1));
         text = relativePath(baseDir, target.path);
         // A path starting with '//' can only follow an authority.
-        std::string absolute(target.path);
-        if (target.path.starts_with("//")) absolute = "//" + std::string(*target.authority) + absolute;
+        std::string absolute;
+        if (target.path.starts_with("//")) absolute.append("//").append(*target.authority);
+        absolute.append(target.path);
         if (absolute.size() < text.size()) text = std::move(absolute);
-        if (target.query) text += "?" + std::string(*target.query);
+        if (target.query) text.append("?").append(*target.query);
     }
-    if (target.fragment) text += "#" + std::string(*target.fragment);
+    if (target.fragment) text.append("#").append(*target.fragment);
     return IRI(detail::parseUri(text, text));
 }
 
