@@ -42,6 +42,15 @@ Exception::Exception(const Exception& other)
     copyPayload(*this, other);
 }
 
+Exception& Exception::operator=(const Exception& other) {
+    if (this != &other) {
+        ExceptionBase::operator=(other);
+        copyPayload(*this, other);
+        contexts_ = other.contexts_;
+    }
+    return *this;
+}
+
 Exception::~Exception() = default;
 
 IException* Exception::clone() const { return new Exception(*this); }
@@ -117,6 +126,14 @@ ChangeEventsNotSupportedException::ChangeEventsNotSupportedException(const Chang
     copyPayload(*this, other);
 }
 
+ChangeEventsNotSupportedException& ChangeEventsNotSupportedException::operator=(const ChangeEventsNotSupportedException& other) {
+    if (this != &other) {
+        ExceptionBase::operator=(other);
+        copyPayload(*this, other);
+    }
+    return *this;
+}
+
 ChangeEventsNotSupportedException::~ChangeEventsNotSupportedException() = default;
 
 IException* ChangeEventsNotSupportedException::clone() const { return new ChangeEventsNotSupportedException(*this); }
@@ -142,6 +159,14 @@ ChangeEventsSubscriptionException::ChangeEventsSubscriptionException(const Stora
 ChangeEventsSubscriptionException::ChangeEventsSubscriptionException(const ChangeEventsSubscriptionException& other)
     : ExceptionBase(other), boost::exception(other) {
     copyPayload(*this, other);
+}
+
+ChangeEventsSubscriptionException& ChangeEventsSubscriptionException::operator=(const ChangeEventsSubscriptionException& other) {
+    if (this != &other) {
+        ExceptionBase::operator=(other);
+        copyPayload(*this, other);
+    }
+    return *this;
 }
 
 ChangeEventsSubscriptionException::~ChangeEventsSubscriptionException() = default;

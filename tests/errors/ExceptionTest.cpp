@@ -114,6 +114,14 @@ TEST(Exception, CaughtByExportedTypesAfterCrossingTheLibrary) {
     EXPECT_EQ(original.getExceptionContextsString(), u"opening");
     EXPECT_EQ(boost::get_error_info<ExtraInfo>(original), nullptr);
     EXPECT_NE(boost::get_error_info<ExtraInfo>(copy), nullptr);
+
+    // So does an assigned exception.
+    Exception assigned(ErrorCode::Unknown, StorageIRI(u"mem:///other"));
+    assigned = original;
+    assigned << ExtraInfo(8);
+    EXPECT_EQ(assigned.getErrorCode(), ErrorCode::PermissionDenied);
+    EXPECT_EQ(assigned.getExceptionContextsString(), u"opening");
+    EXPECT_EQ(boost::get_error_info<ExtraInfo>(original), nullptr);
 }
 
 TEST(Exception, ClonesTravelToOtherThreads) {

@@ -45,6 +45,7 @@ class QKFL_STORAGE_EXPORT Exception : public ExceptionBase, public boost::except
 public:
     Exception(const ErrorCode& code, const StorageIRI& location);
     Exception(const Exception& other);
+    Exception& operator=(const Exception& other);
     ~Exception() override;
 
     foundation::core::except::IException* clone() const override;
@@ -80,6 +81,7 @@ class QKFL_STORAGE_EXPORT ChangeEventsNotSupportedException : public ExceptionBa
 public:
     explicit ChangeEventsNotSupportedException(const StorageIRI& location);
     ChangeEventsNotSupportedException(const ChangeEventsNotSupportedException& other);
+    ChangeEventsNotSupportedException& operator=(const ChangeEventsNotSupportedException& other);
     ~ChangeEventsNotSupportedException() override;
     foundation::core::except::IException* clone() const override;
     [[noreturn]] void rethrow() const override;
@@ -93,6 +95,7 @@ class QKFL_STORAGE_EXPORT ChangeEventsSubscriptionException : public ExceptionBa
 public:
     explicit ChangeEventsSubscriptionException(const StorageIRI& location);
     ChangeEventsSubscriptionException(const ChangeEventsSubscriptionException& other);
+    ChangeEventsSubscriptionException& operator=(const ChangeEventsSubscriptionException& other);
     ~ChangeEventsSubscriptionException() override;
     foundation::core::except::IException* clone() const override;
     [[noreturn]] void rethrow() const override;
