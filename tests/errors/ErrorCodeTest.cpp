@@ -35,14 +35,5 @@ TEST(ErrorCode, EveryValuePrintsItsFixedText) {
     check(0xFFFFFFFFu, "Unhandled ErrorCode");
 }
 
-TEST(ErrorCode, NumbersAreStable) {
-    static_assert(sizeof(ErrorCode) == 4);
-    EXPECT_EQ(static_cast<std::uint32_t>(ErrorCode::FolderNotEmpty), 0u);
-    EXPECT_EQ(static_cast<std::uint32_t>(ErrorCode::ResourceNotFound), 4u);
-    EXPECT_EQ(static_cast<std::uint32_t>(ErrorCode::IOError), 9u);
-    EXPECT_EQ(static_cast<std::uint32_t>(ErrorCode::UnsupportedOperation), 11u);
-    EXPECT_EQ(static_cast<std::uint32_t>(ErrorCode::Unknown), 12u);
-}
-
 }  // namespace
 }  // namespace foundation::storage::provider

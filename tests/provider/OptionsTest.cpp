@@ -51,13 +51,6 @@ TEST(Options, OpenOptionsPrintTheirFourFieldsInOrder) {
            static_cast<ByteStreamAppend>(0)},
           "ByteStreamOpenOptions: {ByteStreamAccess::ReadWrite, ByteStreamCreate::Create, "
           "ByteStreamTruncate::PreserveExisting, ByteStreamAppend::Append}");
-
-    // The defaults never lose data: nothing is truncated and nothing is appended past the end.
-    const ByteStreamOpenOptions defaults;
-    EXPECT_EQ(defaults.access, ByteStreamAccess::ReadWrite);
-    EXPECT_EQ(defaults.create, ByteStreamCreate::Create);
-    EXPECT_EQ(defaults.truncate, ByteStreamTruncate::PreserveExisting);
-    EXPECT_EQ(defaults.append, ByteStreamAppend::Overwrite);
 }
 
 TEST(Options, MultiValuedEnumerationsPrintNamedValuesOnly) {
