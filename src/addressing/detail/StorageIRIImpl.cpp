@@ -1,5 +1,8 @@
 #include "storage/provider/detail/StorageIRIImpl.h"
 
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
 #include <type_traits>
 
 #include "addressing/detail/ContainerImpl.h"
@@ -48,13 +51,48 @@ StorageIRIImpl::StorageIRIImpl()
 
 StorageIRIImpl::~StorageIRIImpl() = default;
 
+namespace {
+
+// The index of the first code unit where `a` and `b` differ (the shorter size if none).
+std::size_t mismatchAt(const ustring& a, const ustring& b) noexcept {
+    const std::size_t n = std::min(a.size(), b.size());
+    std::size_t i = 0;
+    for (; i + 4 <= n; i += 4) {
+        std::uint64_t x;
+        std::uint64_t y;
+        std::memcpy(&x, a.data() + i, sizeof x);
+        std::memcpy(&y, b.data() + i, sizeof y);
+        if (x != y) {
+            break;
+        }
+    }
+    while (i < n && a[i] == b[i]) {
+        ++i;
+    }
+    return i;
+}
+
+}  // namespace
+
 bool StorageIRIImpl::equals(const StorageIRIImpl& other) const {
     if (this == &other) {
         return true;
     }
     const ustring& a = toAsciiString();
     const ustring& b = other.toAsciiString();
+    const std::size_t m = mismatchAt(a, b);
+    if (m == a.size() && m == b.size()) {
+        return true;
+    }
     const auto p = a.find(u'/');
+    // Texts that agree up to and past the first run of '/' differ in the part compared
+    // exactly: decided without the slower steps below.
+    if (p != ustring::npos && p < m) {
+        const auto run = a.find_first_not_of(u'/', p);
+        if (run != ustring::npos && run < m) {
+            return false;
+        }
+    }
     if (p != b.find(u'/')) {
         return false;
     }
