@@ -411,10 +411,16 @@ IRI::IRI() = default;
 namespace {
 
 boost::urls::url parseUtf16(fl::ustring_view text) {
-    const std::string uri = mapWhole(text);
+    // The URI text only lives until the url has copied it: map into a buffer kept per thread,
+    // which saves an allocation on every IRI built.
+    thread_local std::string uri;
+    uri.clear();
+    appendMapped(uri, text, kWhole);
     auto parsed = detail::parseReference(uri);
     if (!parsed) detail::throwUnparsable(uri, fl::i18n::to_string(text), parsed.error());
-    return boost::urls::url(*parsed);
+    boost::urls::url url(*parsed);
+    if (uri.capacity() > 4096) std::string().swap(uri);  // keep no memory for rare long texts
+    return url;
 }
 
 }  // namespace
