@@ -1,10 +1,11 @@
 #pragma once
 
-#include <any>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include <boost/any.hpp>
 #include <boost/date_time/posix_time/ptime.hpp>
@@ -32,11 +33,21 @@ public:
                    std::function<bool()> writable);
 
     // Replace the flag and return *this. The callback overloads do nothing when the callback
-    // is empty: the flag keeps its earlier value or callback.
-    FileAttributes& withHiddenAttribute(bool hidden);
-    FileAttributes& withHiddenAttribute(std::function<bool()> hidden);
-    FileAttributes& withSymlinkStatusAttribute(bool symlink);
-    FileAttributes& withSymlinkStatusAttribute(std::function<bool()> symlink);
+    // is empty: the flag keeps its earlier value or callback. On a temporary they return an
+    // rvalue, so `FolderEntry(name, FileAttributes(...).withHiddenAttribute(h))` moves the
+    // record instead of copying its flags.
+    FileAttributes& withHiddenAttribute(bool hidden) &;
+    FileAttributes& withHiddenAttribute(std::function<bool()> hidden) &;
+    FileAttributes& withSymlinkStatusAttribute(bool symlink) &;
+    FileAttributes& withSymlinkStatusAttribute(std::function<bool()> symlink) &;
+    FileAttributes&& withHiddenAttribute(bool hidden) && { return std::move(withHiddenAttribute(hidden)); }
+    FileAttributes&& withHiddenAttribute(std::function<bool()> hidden) && {
+        return std::move(withHiddenAttribute(std::move(hidden)));
+    }
+    FileAttributes&& withSymlinkStatusAttribute(bool symlink) && { return std::move(withSymlinkStatusAttribute(symlink)); }
+    FileAttributes&& withSymlinkStatusAttribute(std::function<bool()> symlink) && {
+        return std::move(withSymlinkStatusAttribute(std::move(symlink)));
+    }
 
     bool hasSizeAttribute() const noexcept { return size_.has_value(); }
     // Requires: hasSizeAttribute().
@@ -62,10 +73,20 @@ public:
     FolderAttributes(const boost::posix_time::ptime& lastModified, bool writable);
     FolderAttributes(const boost::posix_time::ptime& lastModified, std::function<bool()> writable);
 
-    FolderAttributes& withHiddenAttribute(bool hidden);
-    FolderAttributes& withHiddenAttribute(std::function<bool()> hidden);
-    FolderAttributes& withSymlinkStatusAttribute(bool symlink);
-    FolderAttributes& withSymlinkStatusAttribute(std::function<bool()> symlink);
+    FolderAttributes& withHiddenAttribute(bool hidden) &;
+    FolderAttributes& withHiddenAttribute(std::function<bool()> hidden) &;
+    FolderAttributes& withSymlinkStatusAttribute(bool symlink) &;
+    FolderAttributes& withSymlinkStatusAttribute(std::function<bool()> symlink) &;
+    FolderAttributes&& withHiddenAttribute(bool hidden) && { return std::move(withHiddenAttribute(hidden)); }
+    FolderAttributes&& withHiddenAttribute(std::function<bool()> hidden) && {
+        return std::move(withHiddenAttribute(std::move(hidden)));
+    }
+    FolderAttributes&& withSymlinkStatusAttribute(bool symlink) && {
+        return std::move(withSymlinkStatusAttribute(symlink));
+    }
+    FolderAttributes&& withSymlinkStatusAttribute(std::function<bool()> symlink) && {
+        return std::move(withSymlinkStatusAttribute(std::move(symlink)));
+    }
 
     boost::posix_time::ptime getLastModified() const { return lastModified_; }
     bool isWritable() const { return writable_(); }
@@ -111,7 +132,11 @@ public:
     // Name and kind only; consumers that need attributes ask the provider.
     FolderEntry(ustring name, EntryType type);
 
-    FolderEntry& withExtendedAttributes(ExtendedAttributes attributes);
+    // Sets or replaces the extended attributes and returns *this (an rvalue on a temporary).
+    FolderEntry& withExtendedAttributes(ExtendedAttributes attributes) &;
+    FolderEntry&& withExtendedAttributes(ExtendedAttributes attributes) && {
+        return std::move(withExtendedAttributes(std::move(attributes)));
+    }
 
     const ustring& getName() const noexcept { return name_; }
     EntryType getType() const noexcept { return type_; }

@@ -25,8 +25,10 @@ private:
     ustring key_;
 };
 
-struct TagErrorCode {};
-struct TagStorageIRI {};
+// Tags of the payload records. Exported so that boost::get_error_info in a caller finds the
+// records the library stored.
+struct QKFL_STORAGE_EXPORT TagErrorCode {};
+struct QKFL_STORAGE_EXPORT TagStorageIRI {};
 using ErrorCodeInfo = boost::error_info<TagErrorCode, ErrorCode>;
 using StorageIRIInfo = boost::error_info<TagStorageIRI, StorageIRI>;
 
@@ -37,10 +39,13 @@ using ExceptionBase =
 // stack of contexts that callers may push while the exception unwinds (front = top).
 // Every accessor is non-throwing; contexts are mutable so a caught const exception can be
 // annotated. what() is always "foundation::storage::provider::Exception".
+// Copies (and clone()) own their payload records and contexts outright, so a copy may travel
+// to another thread while the original is destroyed.
 class QKFL_STORAGE_EXPORT Exception : public ExceptionBase, public boost::exception {
 public:
     Exception(const ErrorCode& code, const StorageIRI& location);
     Exception(const Exception& other);
+    Exception& operator=(const Exception& other);
     ~Exception() override;
 
     foundation::core::except::IException* clone() const override;
@@ -54,7 +59,7 @@ public:
     std::optional<ExceptionContext> topExceptionContext() const noexcept;
     void popExceptionContext() const noexcept;
     std::deque<ExceptionContext> getAllExceptionContexts() const noexcept;
-    // The context keys, front first, joined by ':'.
+    // The context keys, front first, joined by ':'; empty without contexts.
     ustring getExceptionContextsString() const noexcept;
 
     // Pushes a context on top (at the front). For callers that enrich an exception in flight.
@@ -75,6 +80,9 @@ inline const Exception& addExceptionContext(const Exception& e, ustring context)
 class QKFL_STORAGE_EXPORT ChangeEventsNotSupportedException : public ExceptionBase, public boost::exception {
 public:
     explicit ChangeEventsNotSupportedException(const StorageIRI& location);
+    ChangeEventsNotSupportedException(const ChangeEventsNotSupportedException& other);
+    ChangeEventsNotSupportedException& operator=(const ChangeEventsNotSupportedException& other);
+    ~ChangeEventsNotSupportedException() override;
     foundation::core::except::IException* clone() const override;
     [[noreturn]] void rethrow() const override;
     const char* what() const noexcept override;
@@ -86,6 +94,9 @@ public:
 class QKFL_STORAGE_EXPORT ChangeEventsSubscriptionException : public ExceptionBase, public boost::exception {
 public:
     explicit ChangeEventsSubscriptionException(const StorageIRI& location);
+    ChangeEventsSubscriptionException(const ChangeEventsSubscriptionException& other);
+    ChangeEventsSubscriptionException& operator=(const ChangeEventsSubscriptionException& other);
+    ~ChangeEventsSubscriptionException() override;
     foundation::core::except::IException* clone() const override;
     [[noreturn]] void rethrow() const override;
     const char* what() const noexcept override;
