@@ -16,8 +16,9 @@ using fl::ustring;
 class PathViewIterator;
 
 // A non-owning view over a '/'-separated path (normally StorageIRI::getPath()). The viewed
-// text must outlive the view and every view or iterator taken from it. Nothing allocates
-// except the ...Copy members.
+// text must outlive the view and every view or iterator taken from it, and must be followed
+// by a NUL somewhere at or after the view's end (as a ustring is), since the name reads up to
+// it. Nothing allocates except the ...Copy members.
 //
 // Deliberate rules that callers rely on:
 // - A text longer than one character that ends with '/' is viewed without its last TWO code
@@ -52,6 +53,10 @@ public:
     PathViewIterator cend() const;
 
 private:
+    // A parent view is already trimmed: trimming it again would drop an element.
+    struct Untrimmed {};
+    PathView(Untrimmed, string_view text) noexcept : view_(text) {}
+
     string_view view_;
 };
 

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <functional>
 #include <mutex>
+#include <type_traits>
 #include <utility>
 
 #include <boost/variant.hpp>
@@ -26,7 +27,14 @@ public:
     using Function = std::function<T()>;
 
     explicit Lazy(Function function) : state_(std::move(function)) {}
-    explicit Lazy(T value) : state_(std::move(value)) { published_.store(&boost::get<T>(state_), std::memory_order_release); }
+    // Any other callable returning T. Without it a captureless lambda or a function pointer
+    // would be ambiguous for Lazy<bool> (it also converts to bool).
+    template <class F>
+        requires(std::is_invocable_r_v<T, F&> && !std::is_same_v<std::remove_cvref_t<F>, Function> &&
+                 !std::is_same_v<std::remove_cvref_t<F>, Lazy>)
+    explicit Lazy(F&& function) : state_(Function(std::forward<F>(function))) {}
+    explicit Lazy(const T& value) : state_(value) { publishIfValue(); }
+    explicit Lazy(T&& value) : state_(std::move(value)) { publishIfValue(); }
 
     Lazy(const Lazy& other) : state_(other.snapshot()) { publishIfValue(); }
     Lazy& operator=(const Lazy& other) {
