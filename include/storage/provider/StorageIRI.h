@@ -30,7 +30,8 @@ class StorageIRIImpl;
 // number of threads may read one StorageIRI at once.
 //
 // Identity is the ASCII text (toAsciiString): equality, ordering and hashing use it. Equality
-// is deliberately looser than ordering: 'scheme:/x' == 'scheme:///x', yet they order apart.
+// is deliberately looser than ordering: one '/' or three or more after the scheme match, so
+// 's:////x' == 's:///x', yet they order (and hash) apart. 's:/x' is parsed as 's:///x'.
 class QKFL_STORAGE_EXPORT StorageIRI {
 public:
     // Parses `text`. Throws the IRI parser's std::invalid_argument for unparsable text, and
@@ -38,11 +39,16 @@ public:
     // or is a malformed container location.
     explicit StorageIRI(ustring text);
     explicit StorageIRI(foundation::network::IRI iri);
+    // Adopts `impl`. Throws std::invalid_argument when it is null.
     explicit StorageIRI(std::shared_ptr<detail::StorageIRIImpl> impl);
-    // The file-system-path form: `scheme` plus `path` (see toStorageIRI for the checks).
+    // The file-system-path form: `scheme` plus `path`, unchecked (toStorageIRI checks that
+    // the path is absolute).
     StorageIRI(ustring scheme, fl::filesystem::basic_path path);
-    // A container location: `path` (decoded, starting with '/') inside the container file
-    // `inner`, under `containerScheme`.
+    // A container location: `path` (decoded, starting with '/' or empty) inside the container
+    // file `inner`, under `containerScheme`. Its text parses back to the same inner location
+    // and path. Throws detail::AnonymousInternalException<std::runtime_error> for an empty
+    // scheme, an `inner` without a path or a `path` not starting with '/', and the IRI
+    // library's std::invalid_argument for a malformed scheme.
     StorageIRI(const ustring& containerScheme, const StorageIRI& inner, const ustring& path);
     // A location of the same form, scheme, host and container as `base` with the path
     // `relative` appended ('c/' under '/a/b' gives '/a/b/c'), or replaced when `relative`
@@ -60,9 +66,12 @@ public:
     PathView getPathView() const;
     // The last path element; "/" for the root path.
     const ustring& getName() const;
-    // False only for the path "/" (file-system form: when the path is its own root).
+    // False only for the path "/" (file-system form: when the path is its own root), so an
+    // empty path has a parent by this test although getParent() cannot build one.
     bool hasParent() const;
-    // Throws detail::AnonymousInternalException<std::logic_error> when there is no parent.
+    // The path up to its last '/', without a trailing '/' ('/a' for '/a/b' and for '/a/b/',
+    // "/" for '/a'). Throws detail::AnonymousInternalException<std::logic_error> when the
+    // path is "/" or holds no '/'.
     StorageIRI getParent() const;
     // The same location with the path "/".
     StorageIRI getRoot() const;
@@ -90,11 +99,15 @@ public:
     std::size_t hashValue() const;
 
     // Same scheme, same container (hosts are not compared), and this path a proper prefix of
-    // `other`'s ending at a '/': '/a' is an ancestor of '/a/b' but not of '/ab' or '/a'.
+    // `other`'s ending at a '/': '/a' is an ancestor of '/a/b' but not of '/ab' or '/a'. The
+    // paths are compared as PathView shows them, so '/a/' (seen as "/") is an ancestor of
+    // every absolute path.
     bool isAncestorOf(StorageIRI other) const;
 
-    // This path relative to `base` taken as a folder ('../c' and the like). Throws
-    // std::runtime_error when the two have different roots.
+    // This path relative to `base` taken as a folder: 'b/c' for '/a/b/c' from '/a', '../b'
+    // from '/a/x'. A '/' is appended to any base path longer than "/" ('/a/' counts as
+    // '/a//'). The result is the IRI library's shortest reference, so it is the absolute path
+    // when that is shorter. Throws std::runtime_error when the two have different roots.
     ustring makePathRelativeTo(const StorageIRI& base) const;
 
     const std::shared_ptr<detail::StorageIRIImpl>& impl() const noexcept { return impl_; }

@@ -33,7 +33,8 @@ public:
         requires(std::is_invocable_r_v<T, F&> && !std::is_same_v<std::remove_cvref_t<F>, Function> &&
                  !std::is_same_v<std::remove_cvref_t<F>, Lazy>)
     explicit Lazy(F&& function) : state_(Function(std::forward<F>(function))) {}
-    explicit Lazy(T value) : state_(std::move(value)) { published_.store(&boost::get<T>(state_), std::memory_order_release); }
+    explicit Lazy(const T& value) : state_(value) { publishIfValue(); }
+    explicit Lazy(T&& value) : state_(std::move(value)) { publishIfValue(); }
 
     Lazy(const Lazy& other) : state_(other.snapshot()) { publishIfValue(); }
     Lazy& operator=(const Lazy& other) {

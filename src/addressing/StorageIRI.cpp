@@ -1,0 +1,130 @@
+#include "storage/provider/StorageIRI.h"
+
+#include <cstdint>
+#include <ostream>
+#include <stdexcept>
+
+#include "addressing/detail/ContainerImpl.h"
+#include "addressing/detail/FormSupport.h"
+#include "addressing/detail/MakeImpl.h"
+#include "addressing/detail/PathIRI.h"
+#include "addressing/detail/UPathIRIImpl.h"
+#include "storage/provider/detail/StorageIRIImpl.h"
+
+namespace foundation::storage::provider {
+
+namespace {
+
+// The path of the child location named by `relative` under `basePath`.
+ustring childPath(const ustring& basePath, const ustring& relative) {
+    if (!relative.empty() && relative.front() == u'/') {
+        const auto first = relative.find_first_not_of(u'/');
+        ustring path(1, u'/');
+        if (first != ustring::npos) {
+            path.append(relative, first);
+        }
+        return path;
+    }
+    ustring path = basePath;
+    if (!relative.empty()) {
+        if (path.empty() || path.back() != u'/') {
+            path.push_back(u'/');
+        }
+        path.append(relative, 0, relative.back() == u'/' ? relative.size() - 1 : relative.size());
+    }
+    return path;
+}
+
+}  // namespace
+
+StorageIRI::StorageIRI(ustring text) : impl_(detail::makeSharedImpl(foundation::network::IRI(fl::ustring_view(text)))) {}
+
+StorageIRI::StorageIRI(foundation::network::IRI iri) : impl_(detail::makeSharedImpl(std::move(iri))) {}
+
+StorageIRI::StorageIRI(std::shared_ptr<detail::StorageIRIImpl> impl) : impl_(std::move(impl)) {
+    if (!impl_) {
+        throw std::invalid_argument("StorageIRI: no implementation given");
+    }
+}
+
+StorageIRI::StorageIRI(ustring scheme, fl::filesystem::basic_path path)
+    : impl_(std::make_shared<detail::UPathIRIImpl>(std::move(scheme), std::move(path))) {}
+
+StorageIRI::StorageIRI(const ustring& containerScheme, const StorageIRI& inner, const ustring& path)
+    : impl_(std::make_shared<detail::ContainerImpl>(containerScheme, inner.impl_, path)) {}
+
+StorageIRI::StorageIRI(const StorageIRI& base, const ustring& relative)
+    : StorageIRI(base.impl_->withPath(childPath(base.getPath(), relative))) {}
+
+ustring StorageIRI::getScheme() const { return impl_->getScheme(); }
+bool StorageIRI::hasHost() const { return impl_->hasHost(); }
+ustring StorageIRI::getHost() const { return impl_->getHost(); }
+bool StorageIRI::hasPath() const { return impl_->hasPath(); }
+const ustring& StorageIRI::getPath() const { return impl_->getPath(); }
+PathView StorageIRI::getPathView() const { return PathView(getPath()); }
+const ustring& StorageIRI::getName() const { return impl_->getName(); }
+bool StorageIRI::hasParent() const { return impl_->hasParent(); }
+StorageIRI StorageIRI::getParent() const { return StorageIRI(impl_->getParent()); }
+StorageIRI StorageIRI::getRoot() const { return impl_->getRoot(); }
+bool StorageIRI::hasInnerIRI() const { return impl_->hasInnerIRI(); }
+StorageIRI StorageIRI::getInnerIRI() const { return impl_->getInnerIRI(); }
+bool StorageIRI::isOpaque() const { return impl_->isOpaque(); }
+const ustring& StorageIRI::getResolvedPath() const { return impl_->getResolvedPath(); }
+StorageIRI StorageIRI::getResolvedIRI() const { return StorageIRI(*this, getResolvedPath()); }
+foundation::network::IRI StorageIRI::toIRI() const { return impl_->toIRI(); }
+fl::filesystem::basic_path StorageIRI::toUPath() const { return impl_->toUPath(); }
+const ustring& StorageIRI::toString() const { return impl_->toString(); }
+const ustring& StorageIRI::toAsciiString() const { return impl_->toAsciiString(); }
+
+bool StorageIRI::operator==(const StorageIRI& other) const { return impl_->equals(*other.impl_); }
+
+bool StorageIRI::operator<(const StorageIRI& other) const { return impl_->less(*other.impl_); }
+
+std::size_t StorageIRI::hashValue() const {
+    // The combination step of boost::hash_range, written out so that the value never
+    // depends on the Boost version.
+    std::uint64_t seed = 0;
+    for (const char16_t c : toAsciiString()) {
+        std::uint64_t x = seed + 0x9e3779b9u + c;
+        x ^= x >> 32;
+        x *= 0x0e9846af9b1a615dULL;
+        x ^= x >> 32;
+        x *= 0x0e9846af9b1a615dULL;
+        x ^= x >> 28;
+        seed = x;
+    }
+    return static_cast<std::size_t>(seed);
+}
+
+bool StorageIRI::isAncestorOf(StorageIRI other) const {
+    if (getScheme() != other.getScheme() || hasInnerIRI() != other.hasInnerIRI()) {
+        return false;
+    }
+    if (hasInnerIRI() && !impl_->getInnerIRI().impl()->equals(*other.impl_->getInnerIRI().impl())) {
+        return false;
+    }
+    const auto a = getPathView().toStringView();
+    const auto b = other.getPathView().toStringView();
+    if (a.size() >= b.size() || b.substr(0, a.size()) != a) {
+        return false;
+    }
+    return (!a.empty() && a.back() == u'/') || b[a.size()] == u'/';
+}
+
+ustring StorageIRI::makePathRelativeTo(const StorageIRI& base) const {
+    if (!getRoot().impl_->equals(*base.getRoot().impl_)) {
+        throw std::runtime_error(detail::message("Can not make relative path between ", toString(), " and ",
+                                                 base.toString(), " as they don't have a common root."));
+    }
+    ustring basePath = base.getPath();
+    if (basePath.size() > 1) {
+        basePath.push_back(u'/');
+    }
+    return detail::relativePath(getPath(), basePath);
+}
+
+std::size_t hash_value(const StorageIRI& location) { return location.hashValue(); }
+
+std::ostream& operator<<(std::ostream& out, const StorageIRI& location) { return out << location.toString(); }
+
+}  // namespace foundation::storage::provider
