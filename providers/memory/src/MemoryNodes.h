@@ -1,14 +1,13 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <new>
-#include <utility>
 #include <variant>
-#include <vector>
 
 #include <boost/date_time/posix_time/ptime.hpp>
 
@@ -16,29 +15,29 @@
 
 namespace foundation::storage::provider::memory::detail {
 
-// Leaves new elements uninitialised on resize, so that growing a file by a write copies
-// the bytes once instead of zeroing them first. Gaps are zeroed explicitly.
-template <class T>
-struct UninitializedAllocator : std::allocator<T> {
-    template <class U>
-    struct rebind {
-        using other = UninitializedAllocator<U>;
-    };
-    UninitializedAllocator() = default;
-    template <class U>
-    UninitializedAllocator(const UninitializedAllocator<U>&) noexcept {}  // NOLINT: allocator conversion
+// A file's bytes. Grows geometrically with std::realloc, which moves large blocks by
+// remapping pages instead of copying them, and leaves new bytes uninitialised: a write fills
+// them, and resize() callers zero any gap themselves.
+class Bytes {
+public:
+    Bytes() = default;
+    Bytes(const Bytes&) = delete;
+    Bytes& operator=(const Bytes&) = delete;
+    ~Bytes() { std::free(data_); }
 
-    template <class U>
-    void construct(U* p) noexcept {
-        ::new (static_cast<void*>(p)) U;
-    }
-    template <class U, class... Args>
-    void construct(U* p, Args&&... args) {
-        ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
-    }
+    char* data() noexcept { return data_; }
+    const char* data() const noexcept { return data_; }
+    std::size_t size() const noexcept { return size_; }
+    // Throws std::bad_alloc when memory runs out; the content is then unchanged.
+    void resize(std::size_t size);
+    // Keeps the memory for the next writes.
+    void clear() noexcept { size_ = 0; }
+
+private:
+    char* data_ = nullptr;
+    std::size_t size_ = 0;
+    std::size_t capacity_ = 0;
 };
-
-using Bytes = std::vector<char, UninitializedAllocator<char>>;
 
 // Automatic last-modified times: the current UTC time, strictly later than any time handed
 // out before by the same clock, so that two changes in one microsecond still differ.

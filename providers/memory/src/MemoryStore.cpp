@@ -294,7 +294,7 @@ void MemoryStore::setLastModified(const StorageIRI& location, const boost::posix
         std::lock_guard content(file->mutex);
         file->lastModified = time;
     } else {
-        asFolder(place.node)->lastModified = time;
+        std::get<FolderPtr>(*place.node)->lastModified = time;
     }
 }
 
@@ -306,7 +306,7 @@ void MemoryStore::setWritable(const StorageIRI& location, bool writable) {
     if (FileNode* file = asFile(place.node)) {
         file->writable = writable;
     } else {
-        asFolder(place.node)->writable = writable;
+        std::get<FolderPtr>(*place.node)->writable = writable;
     }
 }
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
-#include <stdexcept>
+#include <new>
 #include <utility>
 
 namespace foundation::storage::provider::memory::detail {
@@ -46,7 +46,7 @@ long MemoryStream::doWrite(const char* buffer, long count) {
     if (end > size) {
         try {
             data.resize(static_cast<std::size_t>(end));
-        } catch (const std::exception&) {  // std::bad_alloc, std::length_error
+        } catch (const std::bad_alloc&) {
             throw ByteStreamFailure(ErrorCode::NoSpaceLeft, "Not enough memory to grow the file.");
         }
         if (start > size) std::memset(data.data() + size, 0, static_cast<std::size_t>(start - size));
