@@ -129,21 +129,24 @@ TEST(PathConversions, CanonicalizedLocationsResolveTheVolume) {
     EXPECT_EQ(viaLink.getPath(), root + u"/dir/file.txt");
     EXPECT_EQ(viaLink, toStorageIRI(u"file", basic_path(root + u"/dir/file.txt")));
 
-    const ustring missing = root + u"/dir/missing";
-    try {
-        toCanonicalizedStorageIRI(u"file", basic_path(missing));
-        ADD_FAILURE() << "resolved a missing path";
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.getErrorCode(), ErrorCode::ResourceNotFound);
-        EXPECT_EQ(e.getStorageIRI(), toStorageIRI(u"file", basic_path(missing)));
-        EXPECT_EQ(e.getStorageIRI().getPath(), missing);
-    }
-    try {
-        toCanonicalizedStorageIRI(u"file", basic_path(root + u"/dir/file.txt/below"));
-        ADD_FAILURE() << "resolved a path below a file";
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.getErrorCode(), ErrorCode::ResourceNotFound);
-    }
+    // Each failure carries the code of its cause and the unresolved location.
+    auto fails = [](const ustring& path, ErrorCode code) {
+        try {
+            toCanonicalizedStorageIRI(u"file", basic_path(path));
+            ADD_FAILURE() << "resolved " << utf8(path);
+        } catch (const Exception& e) {
+            EXPECT_EQ(e.getErrorCode(), code) << utf8(path);
+            EXPECT_EQ(e.getStorageIRI(), toStorageIRI(u"file", basic_path(path))) << utf8(path);
+            EXPECT_EQ(e.getStorageIRI().getPath(), path) << utf8(path);
+        }
+    };
+    fs::create_symlink(temp.path() / "loop", temp.path() / "loop");
+    fails(root + u"/dir/missing", ErrorCode::ResourceNotFound);
+    fails(root + u"/dir/file.txt/below", ErrorCode::ResourceNotFound);
+    fails(u"", ErrorCode::ResourceNotFound);
+    fails(root + ustring(u"/a\0b", 4), ErrorCode::InvalidLocation);
+    fails(root + u"/" + ustring(300, u'n'), ErrorCode::InvalidLocation);
+    fails(root + u"/loop/x", ErrorCode::IOError);
     // The fallback location of a relative path cannot be built: its own failure is reported.
     try {
         toCanonicalizedStorageIRI(u"file", basic_path(u"qkfl-surely/missing"));
