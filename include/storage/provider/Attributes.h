@@ -50,8 +50,8 @@ public:
     }
 
     bool hasSizeAttribute() const noexcept { return size_.has_value(); }
-    // Requires: hasSizeAttribute().
-    unsigned long getSize() const noexcept { return *size_; }
+    // Requires: hasSizeAttribute(). Without a size the result is meaningless (0), never UB.
+    unsigned long getSize() const noexcept { return size_.value_or(0); }
     boost::posix_time::ptime getLastModified() const { return lastModified_; }
     // Evaluate the flag (calling its callback the first time). A throwing callback's
     // exception passes through and the callback runs again next time.
