@@ -1,0 +1,143 @@
+// The composite file and folder operations, built from the provider's own primitives. Every
+// step is a virtual call on the same object, so a provider's override of any step is used.
+#include <algorithm>
+#include <deque>
+#include <stdexcept>
+#include <vector>
+
+#include <boost/iostreams/copy.hpp>
+#include <boost/uuid/random_generator.hpp>
+#include <boost/uuid/uuid_io.hpp>
+
+#include "fl/i18n/convert.h"
+#include "storage/provider/GenericByteStreamDevice.h"
+#include "storage/provider/IProvider.h"
+
+namespace foundation::storage::provider {
+namespace {
+
+constexpr long kCopyBufferSize = 4096;
+constexpr std::uint64_t kChunkSize = 131072;
+
+// Writes `count` bytes in freshly zeroed chunks of at most kChunkSize, each filled by `fill`
+// first, so memory stays bounded whatever the size. A write that reports nothing written
+// (-1, and likewise 0, which would otherwise never finish) ends the loop silently and leaves
+// the file short.
+template <class Fill>
+void writeChunked(ByteStream& out, std::uint64_t count, Fill fill) {
+    while (count > 0) {
+        const auto size = static_cast<long>(std::min(count, kChunkSize));
+        std::vector<char> buffer(static_cast<std::size_t>(size));
+        fill(buffer.data(), size);
+        const long written = out.write(buffer.data(), size);
+        if (written <= 0) return;
+        count -= std::min(static_cast<std::uint64_t>(written), count);
+    }
+}
+
+}  // namespace
+
+void IProvider::doCreateFolderRecursive(const StorageIRI& location) const {
+    if (!location.hasParent()) {
+        throw Exception(doFolderExists(location) ? ErrorCode::ResourceAlreadyExists : ErrorCode::ResourceNotFound,
+                        location);
+    }
+    // Computing a parent, or testing one, throws std::logic_error once the walk passes the root.
+    bool parentExists = false;
+    try {
+        parentExists = doFolderExists(location.getParent());
+    } catch (const std::logic_error&) {
+        throw Exception(ErrorCode::InvalidLocation, location);
+    }
+    if (parentExists) {
+        doCreateFolder(location);
+        return;
+    }
+    std::deque<StorageIRI> missing{location};
+    try {
+        StorageIRI current = location;
+        for (;;) {
+            StorageIRI parent = current.getParent();
+            if (doFolderExists(parent)) break;
+            missing.push_front(parent);
+            current = std::move(parent);
+        }
+    } catch (const std::logic_error&) {
+        throw Exception(ErrorCode::InvalidLocation, location);
+    }
+    for (const StorageIRI& folder : missing) {
+        try {
+            doCreateFolder(folder);
+        } catch (const Exception& e) {
+            throw Exception(e.getErrorCode(), location);
+        }
+    }
+}
+
+void IProvider::doRemoveFolderRecursively(const StorageIRI& location) const {
+    throw Exception(ErrorCode::UnsupportedOperation, location);
+}
+
+void IProvider::doCopyFile(const StorageIRI& from, const StorageIRI& to, const ReplacementPolicy& policy) const {
+    if (doFileExists(to) && (policy == ReplacementPolicy::Preserve || policy == ReplacementPolicy::NoClobber)) {
+        throw Exception(ErrorCode::ResourceAlreadyExists, to);
+    }
+    auto source = doOpenReadOnlyStream(from);
+    auto destination = doOpenStream(to, ByteStreamOpenOptions{ByteStreamAccess::ReadWrite, ByteStreamCreate::Create,
+                                                              ByteStreamTruncate::TruncateExisting,
+                                                              ByteStreamAppend::Overwrite});
+    GenericByteStreamDevice<ByteStream> in(source);
+    GenericByteStreamDevice<ByteStream> out(destination);
+    try {
+        // Reads 4096 bytes at a time; writes each chunk in full, retrying after partial
+        // writes, except that a write of -1 drops the rest of that chunk. Closes the source,
+        // then the destination, also when something fails.
+        boost::iostreams::copy(in, out, kCopyBufferSize);
+    } catch (const ByteStreamFailure& failure) {
+        throw Exception(failure.getErrorCode(), from);
+    }
+}
+
+TransactionStatus IProvider::doCopyFileAtomic(const StorageIRI& from, const StorageIRI&, const ReplacementPolicy&,
+                                              const std::function<InterruptSignal()>&) const {
+    throw Exception(ErrorCode::UnsupportedOperation, from);
+}
+
+void IProvider::doTruncateToSize(const StorageIRI& location, std::uint64_t size) const {
+    try {
+        const FileAttributes attributes = doGetFileAttributes(location);
+        const std::uint64_t current = attributes.getSize();
+        if (current == size) return;
+        if (current < size) {
+            expandFile(location, current, size);
+        } else {
+            shrinkFile(location, size);
+        }
+    } catch (const Exception& e) {
+        throw Exception(e.getErrorCode(), location);
+    }
+}
+
+void IProvider::expandFile(const StorageIRI& location, std::uint64_t currentSize, std::uint64_t newSize) const {
+    auto stream = doOpenStream(location, ByteStreamOpenOptions{ByteStreamAccess::WriteOnly, ByteStreamCreate::NeverCreate,
+                                                               ByteStreamTruncate::PreserveExisting,
+                                                               ByteStreamAppend::Append});
+    writeChunked(*stream, newSize - currentSize, [](char*, long) {});
+}
+
+void IProvider::shrinkFile(const StorageIRI& location, std::uint64_t newSize) const {
+    auto source = doOpenReadOnlyStream(location);
+    const std::string uuid = boost::uuids::to_string(boost::uuids::random_generator()());
+    const StorageIRI scratch(location.toString() + fl::i18n::to_ustring(uuid));
+    auto destination = doOpenStream(scratch, ByteStreamOpenOptions{ByteStreamAccess::WriteOnly, ByteStreamCreate::Create,
+                                                                   ByteStreamTruncate::TruncateExisting,
+                                                                   ByteStreamAppend::Overwrite});
+    // The read count is deliberately ignored: a short read still writes the whole buffer,
+    // zero-padded.
+    writeChunked(*destination, newSize, [&source](char* buffer, long size) { source->read(buffer, size); });
+    destination->close();
+    source->close();
+    doMoveFile(scratch, location, ReplacementPolicy::Overwrite);
+}
+
+}  // namespace foundation::storage::provider

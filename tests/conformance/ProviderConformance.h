@@ -1,0 +1,93 @@
+#pragma once
+
+// The behaviour every provider shares. A provider joins in with one line of its own test
+// program:
+//
+//     INSTANTIATE_TEST_SUITE_P(Memory, ProviderConformance, testing::Values(memoryProviderCase()));
+//
+// Tests named Read* need only reading; those named Write* change the store. A read-only
+// provider runs both halves: with `writable` off, the Write* tests assert the refusals. Where
+// a capability is off, the tests assert the documented error instead of skipping. Where
+// providers may legitimately differ, the tests assert what must hold anyway (no data lost).
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <set>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "storage/provider/IProvider.h"
+
+namespace foundation::storage::provider::conformance {
+
+// What a provider can do beyond the primitives. Each comment says what the suite expects
+// when the capability is off.
+struct Capabilities {
+    bool writable = true;           // off: every change throws ReadOnlyProvider
+    bool polling = true;            // off: startChangePollingMechanism throws ChangeEventsNotSupportedException
+    bool publishing = false;        // off: publishFolderEventsFor throws ChangeEventsNotSupportedException
+    bool recursiveListing = false;  // off: listAllRecursive throws UnsupportedOperation
+    bool recursiveRemoval = false;  // off: removeFolderRecursively throws UnsupportedOperation
+    bool wildcardFiltering = false; // off: wildcard listings may hold entries that do not match
+    bool setWritable = false;       // off: setWritable throws UnsupportedOperation
+    bool setLastModified = false;   // off: setLastModified throws UnsupportedOperation
+    bool storageInfo = false;       // off: getProviderStorageInfo throws UnsupportedOperation
+};
+
+// A provider, and an existing, empty folder in it where a test may work.
+struct ProviderUnderTest {
+    std::shared_ptr<IProvider> provider;
+    StorageIRI root;
+};
+
+// What a folder holds: paths relative to it ("sub/b.txt") with their content; a path ending
+// in '/' is a folder. Parents are listed before their children.
+using Tree = std::map<std::string, std::string>;
+
+struct ProviderCase {
+    std::string name;
+    Capabilities capabilities;
+    std::function<ProviderUnderTest()> makeEmptyProvider;
+    // For providers that cannot be written through their own interface: a provider whose
+    // root already holds `tree`. When empty, the suite writes the tree through the provider.
+    std::function<ProviderUnderTest(const Tree&)> makePopulatedProvider;
+};
+
+void PrintTo(const ProviderCase& providerCase, std::ostream* out);
+
+class ProviderConformance : public ::testing::TestWithParam<ProviderCase> {
+protected:
+    // Every test starts with a working folder that holds standardTree().
+    void SetUp() override;
+    static const Tree& standardTree();
+
+    const Capabilities& can() const { return GetParam().capabilities; }
+    const IProvider& provider() const { return *subject_->provider; }
+    IProvider& mutableProvider() { return *subject_->provider; }
+    // The location `relative` to the working folder (empty: the folder itself).
+    StorageIRI at(const std::string& relative) const;
+
+    // Reads a whole file through openReadOnlyStream.
+    std::string read(const std::string& relative) const;
+    // Creates or replaces a file through openStream and closes the stream.
+    void write(const std::string& relative, const std::string& content) const;
+    // The entries a listing yields: name, then "/" for a folder.
+    static std::set<std::string> entries(std::unique_ptr<IFolderEntryIterator> listing);
+    // Everything below the working folder, as a Tree, walked with listAll and read.
+    Tree snapshot() const;
+
+    // Runs `action`, which must throw Exception with `code` and `location`.
+    void expectError(ErrorCode code, const StorageIRI& location, const std::function<void()>& action) const;
+    // The code of the Exception that `action` throws; fails the test when it throws none.
+    static std::optional<ErrorCode> errorOf(const std::function<void()>& action);
+
+private:
+    std::optional<ProviderUnderTest> subject_;
+};
+
+}  // namespace foundation::storage::provider::conformance

@@ -1,0 +1,153 @@
+#include "storage/provider/PollingChangeEventsDetector.h"
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <future>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "events/FakeFolder.h"
+
+namespace foundation::storage::provider {
+namespace {
+
+using namespace std::chrono_literals;
+using events::EntryType;
+using events::Kind;
+using fake::at;
+using fake::eventually;
+using fake::FakeFolder;
+using fake::Recorder;
+using Events = std::vector<std::string>;
+
+void watch(PollingChangeEventsDetector& detector, FakeFolder& folder, std::vector<Kind> kinds) {
+    detector.addFolderLocation(folder.location(), folder.iteratorGetter(), folder.fileAttributesGetter(),
+                               folder.folderAttributesGetter(), std::move(kinds),
+                               RecursiveChangePolling::NonRecursive);
+}
+
+std::ptrdiff_t threadCount() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
+                         std::filesystem::directory_iterator());
+}
+
+TEST(PollingChangeEventsDetector, PollsEachFolderWithItsFirstRegistration) {
+    Recorder events;
+    PollingChangeEventsDetector detector(events.callback(), 1ms);
+    FakeFolder a(u"mem:///a");
+    FakeFolder b(u"mem:///b");
+    FakeFolder decoy(u"mem:///a");
+    watch(detector, a, {Kind::FolderChanged});
+    watch(detector, b, {Kind::EntryAdded});
+    watch(detector, decoy, {Kind::EntryAdded});
+    EXPECT_EQ(decoy.listings() + decoy.ownAttributeCalls(), 0);
+
+    a.put(u"x", EntryType::File, at(1));
+    a.setTime(at(2));
+    b.put(u"y", EntryType::Folder, at(1));
+    auto got = events.waitFor(2);
+    // isShutdown waits for a pass in progress: whatever that pass publishes is in by now.
+    EXPECT_FALSE(detector.isShutdown());
+    const auto rest = events.take();
+    got.insert(got.end(), rest.begin(), rest.end());
+    std::sort(got.begin(), got.end());
+    EXPECT_EQ(got, (Events{"EntryAdded /b/y folder", "FolderChanged /a folder"}));
+    EXPECT_EQ(decoy.listings() + decoy.ownAttributeCalls(), 0);
+}
+
+TEST(PollingChangeEventsDetector, RegistersNothingWhenTheFirstSnapshotFails) {
+    Recorder events;
+    PollingChangeEventsDetector detector(events.callback(), 1ms);
+    FakeFolder folder(u"mem:///g");
+    folder.setMissing(true);
+    try {
+        watch(detector, folder, {Kind::EntryAdded, Kind::FolderVanished});
+        ADD_FAILURE() << "expected ResourceNotFound";
+    } catch (const Exception& e) {
+        EXPECT_EQ(e.getErrorCode(), ErrorCode::ResourceNotFound);
+    }
+    folder.setMissing(false);
+    // Had the failed registration stayed, this one would be ignored.
+    watch(detector, folder, {Kind::FolderChanged});
+    folder.setTime(at(3));
+    EXPECT_EQ(events.waitFor(1), Events{"FolderChanged /g folder"});
+}
+
+TEST(PollingChangeEventsDetector, StopsPollingARemovedFolder) {
+    Recorder events;
+    PollingChangeEventsDetector detector(events.callback(), 0ms);
+    FakeFolder removed(u"mem:///r");
+    FakeFolder probe(u"mem:///p");
+    watch(detector, removed, {Kind::FolderChanged});
+    watch(detector, probe, {Kind::FolderChanged});
+    // A period of 0 polls back to back.
+    EXPECT_TRUE(eventually([&] { return removed.ownAttributeCalls() >= 100; }));
+
+    detector.removeFolderAtLocation(removed.location());
+    detector.removeFolderAtLocation(StorageIRI(ustring(u"mem:///never-added")));
+    const int calls = removed.ownAttributeCalls();
+    const int probed = probe.ownAttributeCalls();
+    // Two polls of the probe: at least one whole pass ran after the removal.
+    EXPECT_TRUE(eventually([&] { return probe.ownAttributeCalls() >= probed + 2; }));
+    EXPECT_EQ(removed.ownAttributeCalls(), calls);
+}
+
+TEST(PollingChangeEventsDetector, DestructionWakesTheThreadButTriggerShutdownDoesNot) {
+    const auto before = threadCount();
+    auto detector = std::make_unique<PollingChangeEventsDetector>(ChangeEventCallback(), std::chrono::hours(1));
+    ASSERT_TRUE(eventually([&] { return threadCount() == before + 1; }));
+    detector->triggerShutdown();
+    EXPECT_TRUE(detector->isShutdown());
+    // A woken thread would end at once; this one sits out its hour.
+    EXPECT_FALSE(eventually([&] { return threadCount() == before; }, 200ms));
+
+    auto destroyed = std::async(std::launch::async, [&] { detector.reset(); });
+    EXPECT_EQ(destroyed.wait_for(60s), std::future_status::ready);
+    EXPECT_EQ(threadCount(), before);
+}
+
+TEST(PollingChangeEventsDetector, TriggerShutdownEndsPollingAfterTheCurrentWait) {
+    const auto before = threadCount();
+    Recorder events;
+    PollingChangeEventsDetector detector(events.callback(), 1ms);
+    FakeFolder probe(u"mem:///p");
+    watch(detector, probe, {Kind::FolderChanged});
+    EXPECT_TRUE(eventually([&] { return probe.ownAttributeCalls() >= 3; }));
+    detector.triggerShutdown();
+    const int calls = probe.ownAttributeCalls();
+    EXPECT_TRUE(eventually([&] { return threadCount() == before; }));
+    EXPECT_EQ(probe.ownAttributeCalls(), calls);
+    EXPECT_TRUE(detector.isShutdown());
+}
+
+TEST(PollingChangeEventsDetectorDeathTest, AnExceptionEscapingAPollEndsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    auto failOnSecondCall = [](auto failure) {
+        return [calls = 0, failure](StorageIRI) mutable {
+            if (++calls > 1) {
+                throw failure;
+            }
+            return FolderAttributes(at(0), true);
+        };
+    };
+    auto pollForever = [](SingleFolderChangePoller::FolderAttributesGetter getter) {
+        PollingChangeEventsDetector detector(ChangeEventCallback(), 1ms);
+        detector.addFolderLocation(StorageIRI(ustring(u"mem:///d")), {}, {}, std::move(getter),
+                                   {Kind::FolderChanged}, RecursiveChangePolling::NonRecursive);
+        for (;;) {
+            std::this_thread::sleep_for(1s);
+        }
+    };
+    EXPECT_DEATH(pollForever(failOnSecondCall(std::runtime_error("getter failed in a poll"))),
+                 "getter failed in a poll");
+    EXPECT_DEATH(pollForever(failOnSecondCall(Exception(ErrorCode::IOError, StorageIRI(ustring(u"mem:///d"))))),
+                 "foundation::storage::provider::Exception");
+}
+
+}  // namespace
+}  // namespace foundation::storage::provider

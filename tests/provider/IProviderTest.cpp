@@ -1,0 +1,160 @@
+#include "storage/provider/IProvider.h"
+
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <gtest/gtest.h>
+
+#include "support/InstrumentedProvider.h"
+#include "support/SimpleStore.h"
+
+namespace foundation::storage::provider {
+namespace {
+
+using testsupport::InstrumentedProvider;
+using testsupport::SimpleStore;
+using Calls = std::vector<std::string>;
+
+struct Fixture {
+    std::shared_ptr<SimpleStore> store = std::make_shared<SimpleStore>();
+    std::shared_ptr<InstrumentedProvider> provider = std::make_shared<InstrumentedProvider>(store);
+};
+
+template <class F>
+void expectFailure(ErrorCode code, const StorageIRI& location, F&& action) {
+    try {
+        action();
+        ADD_FAILURE() << "expected " << code << " at " << location;
+    } catch (const Exception& e) {
+        EXPECT_EQ(e.getErrorCode(), code);
+        EXPECT_EQ(e.getStorageIRI(), location);
+    }
+}
+
+// Answers both existence tests with yes.
+class Ambiguous : public InstrumentedProvider {
+public:
+    using InstrumentedProvider::InstrumentedProvider;
+
+protected:
+    bool doFileExists(const StorageIRI& l) const override {
+        InstrumentedProvider::doFileExists(l);
+        return true;
+    }
+    bool doFolderExists(const StorageIRI& l) const override {
+        InstrumentedProvider::doFolderExists(l);
+        return true;
+    }
+};
+
+TEST(IProvider, ExistenceTestsTheFileFirstAndTheFolderOnlyWhenNeeded) {
+    Fixture f;
+    f.store->createFolder(SimpleStore::at(u"/d"));
+    f.store->put(u"/f", "x");
+    auto check = [&f](const char16_t* path, ExistenceType plain, ExistenceTypeExtended extended, Calls calls) {
+        f.provider->clear();
+        EXPECT_EQ(f.provider->exists(SimpleStore::at(path)), plain);
+        EXPECT_EQ(f.provider->existsExtended(SimpleStore::at(path)), extended);
+        EXPECT_EQ(f.provider->names(), calls);
+    };
+    check(u"/f", ExistenceType::AsFile, ExistenceTypeExtended::RegularFile,
+          {"doExists", "doFileExists", "doExistsExtended", "doFileExists"});
+    check(u"/d", ExistenceType::AsFolder, ExistenceTypeExtended::RegularFolder,
+          {"doExists", "doFileExists", "doFolderExists", "doExistsExtended", "doFileExists", "doFolderExists"});
+    check(u"/none", ExistenceType::AsNeither, ExistenceTypeExtended::None,
+          {"doExists", "doFileExists", "doFolderExists", "doExistsExtended", "doFileExists", "doFolderExists"});
+
+    Ambiguous both(f.store);
+    EXPECT_EQ(both.exists(SimpleStore::at(u"/x")), ExistenceType::AsFile);
+    EXPECT_EQ(both.existsExtended(SimpleStore::at(u"/x")), ExistenceTypeExtended::RegularFile);
+}
+
+TEST(IProvider, SimpleDefaults) {
+    Fixture f;
+    const IProvider& p = *f.provider;
+    const StorageIRI location = SimpleStore::at(u"/a/./b/../c");
+
+    EXPECT_FALSE(p.hasFeature(ExtendedFeature::RecursiveFolderRemoval));
+    EXPECT_FALSE(p.hasFeature(ExtendedFeature::NativeAtomicCopy));
+    EXPECT_EQ(p.getCanonicalLocation(location), SimpleStore::at(u"/a/c"));
+    const FilenameSensitivity sensitivity = p.getFilenameSensitivity(location);
+    EXPECT_TRUE(sensitivity.caseSensitive);
+    EXPECT_TRUE(sensitivity.casePreserving);
+    const ExtendedAttributes extended = p.getExtendedAttributes(location);
+    EXPECT_EQ(extended.begin(), extended.end());
+    EXPECT_FALSE(p.getProviderCacheUsage(location).getSpaceAvailable().has_value());
+
+    expectFailure(ErrorCode::UnsupportedOperation, location, [&] { p.getProviderStorageInfo(location); });
+    expectFailure(ErrorCode::UnsupportedOperation, location,
+                  [&] { p.setLastModified(location, boost::posix_time::second_clock::universal_time()); });
+    expectFailure(ErrorCode::UnsupportedOperation, location, [&] { p.setWritable(location, false); });
+
+    f.provider->clear();
+    f.provider->shutdown();
+    f.provider->shutdown();
+    EXPECT_EQ(f.provider->names(), (Calls{"doShutdown", "doShutdown"}));
+    EXPECT_TRUE(f.store->paths() == std::set<ustring>{u"/"}) << "no default may touch the store";
+}
+
+TEST(IProvider, DefaultPathComparatorTestsEquality) {
+    Fixture f;
+    const PathComparator equal = f.provider->getPathComparator(SimpleStore::at(u"/ignored"));
+    auto check = [&equal](const char16_t* a, const char16_t* b, CaseModifier modifier, bool expected) {
+        EXPECT_EQ(equal(a, b, modifier), expected) << static_cast<int>(modifier);
+    };
+    check(u"Abc", u"abc", CaseModifier::InSensitive, true);
+    check(u"Abc", u"abc", static_cast<CaseModifier>(7), true);
+    check(u"ÄÖÜ", u"äöü", CaseModifier::InSensitive, true);
+    check(u"Abc", u"abc", CaseModifier::None, false);
+    check(u"Abc", u"abc", CaseModifier::Sensitive, false);
+    check(u"abc", u"abc", CaseModifier::Sensitive, true);
+    check(u"abc", u"abd", CaseModifier::InSensitive, false);
+    check(u"abc", u"ab", CaseModifier::None, false);
+    check(u"e\u0301", u"\u00e9", CaseModifier::None, false);
+}
+
+TEST(IProvider, OpenStreamWrapsWhatThePrimitiveOpens) {
+    Fixture f;
+    f.store->put(u"/f", "data");
+    ByteStreamOpenOptions writeOnly;
+    writeOnly.access = ByteStreamAccess::WriteOnly;
+    auto stream = f.provider->openStream(SimpleStore::at(u"/f"), writeOnly);
+    char c = 0;
+    EXPECT_EQ(stream->read(&c, 1), -1) << "a write-only stream reads nothing, though the store could";
+    EXPECT_EQ(stream->write("D", 1), 1);
+    EXPECT_EQ(f.store->content(u"/f"), "Data");
+
+    auto readOnly = f.provider->openReadOnlyStream(SimpleStore::at(u"/f"));
+    EXPECT_THROW(readOnly->write("x", 1), ByteStreamWriteFailure);
+    EXPECT_EQ(readOnly->read(&c, 1), 1);
+    EXPECT_EQ(f.provider->names(), (Calls{"doOpenStream", "write", "doOpenReadOnlyStream", "read"}))
+        << "the guard answers without reaching the stream";
+}
+
+TEST(IProvider, MoveFolderRefusesTheFoldersOwnSubtree) {
+    Fixture f;
+    const StorageIRI from = SimpleStore::at(u"/a");
+    auto bad = [&](const char16_t* to) {
+        f.provider->clear();
+        expectFailure(ErrorCode::InvalidLocation, SimpleStore::at(to),
+                      [&] { f.provider->moveFolder(from, SimpleStore::at(to), ReplacementPolicy::Overwrite); });
+        EXPECT_TRUE(f.provider->calls().empty());
+    };
+    auto passes = [&](const char16_t* to, const std::string& call) {
+        f.provider->clear();
+        // The store has no folder moves: reaching it is what counts.
+        EXPECT_THROW(f.provider->moveFolder(from, SimpleStore::at(to), ReplacementPolicy::Overwrite), Exception);
+        EXPECT_EQ(f.provider->calls(), Calls{call});
+    };
+    bad(u"/a/b");
+    bad(u"/a/b/c");
+    passes(u"/ab", "doMoveFolder /a /ab");
+    passes(u"/a", "doMoveFolder /a /a");
+    passes(u"/b", "doMoveFolder /a /b");
+}
+
+}  // namespace
+}  // namespace foundation::storage::provider
