@@ -1,13 +1,20 @@
 #include "storage/provider/PollingChangeEventsDetector.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <future>
-#include <iterator>
+#include <memory>
+#include <set>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
+
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -31,9 +38,24 @@ void watch(PollingChangeEventsDetector& detector, FakeFolder& folder, std::vecto
                                RecursiveChangePolling::NonRecursive);
 }
 
-std::ptrdiff_t threadCount() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
-                         std::filesystem::directory_iterator());
+std::set<std::string> threadIds() {
+    std::set<std::string> ids;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        ids.insert(task.path().filename().string());
+    }
+    return ids;
+}
+
+bool threadAlive(const std::string& id) { return std::filesystem::exists("/proc/self/task/" + id); }
+
+// Whether the thread is blocked in a futex wait with a timeout: a timed condition-variable
+// wait, as opposed to a mutex (no timeout) or running code.
+bool inTimedWait(const std::string& id) {
+    std::ifstream syscall("/proc/self/task/" + id + "/syscall");
+    long number = -1;
+    std::string address, operation, value, timeout;
+    syscall >> number >> address >> operation >> value >> timeout;
+    return number == SYS_futex && !timeout.empty() && timeout != "0x0";
 }
 
 TEST(PollingChangeEventsDetector, PollsEachFolderWithItsFirstRegistration) {
@@ -98,29 +120,49 @@ TEST(PollingChangeEventsDetector, StopsPollingARemovedFolder) {
 }
 
 TEST(PollingChangeEventsDetector, DestructionWakesTheThreadButTriggerShutdownDoesNot) {
-    const auto before = threadCount();
+    const auto before = threadIds();
     auto detector = std::make_unique<PollingChangeEventsDetector>(ChangeEventCallback(), std::chrono::hours(1));
-    ASSERT_TRUE(eventually([&] { return threadCount() == before + 1; }));
+    // The polling thread is the new one that settles into a timed wait; until then it would
+    // see the flag and end at once.
+    std::string thread;
+    ASSERT_TRUE(eventually([&] {
+        for (const auto& id : threadIds()) {
+            if (before.count(id) == 0 && inTimedWait(id)) {
+                thread = id;
+                return true;
+            }
+        }
+        return false;
+    }));
     detector->triggerShutdown();
     EXPECT_TRUE(detector->isShutdown());
     // A woken thread would end at once; this one sits out its hour.
-    EXPECT_FALSE(eventually([&] { return threadCount() == before; }, 200ms));
+    EXPECT_FALSE(eventually([&] { return !threadAlive(thread); }, 200ms));
 
     auto destroyed = std::async(std::launch::async, [&] { detector.reset(); });
     EXPECT_EQ(destroyed.wait_for(60s), std::future_status::ready);
-    EXPECT_EQ(threadCount(), before);
+    EXPECT_TRUE(eventually([&] { return !threadAlive(thread); }));
 }
 
 TEST(PollingChangeEventsDetector, TriggerShutdownEndsPollingAfterTheCurrentWait) {
-    const auto before = threadCount();
+    FakeFolder probe(u"mem:///p");
+    std::atomic<long> pollingThread{0};
+    auto folderAttributes = [&, self = std::this_thread::get_id(),
+                             inner = probe.folderAttributesGetter()](StorageIRI location) {
+        if (std::this_thread::get_id() != self) {
+            pollingThread = ::syscall(SYS_gettid);
+        }
+        return inner(std::move(location));
+    };
     Recorder events;
     PollingChangeEventsDetector detector(events.callback(), 1ms);
-    FakeFolder probe(u"mem:///p");
-    watch(detector, probe, {Kind::FolderChanged});
+    detector.addFolderLocation(probe.location(), probe.iteratorGetter(), probe.fileAttributesGetter(),
+                               folderAttributes, {Kind::FolderChanged}, RecursiveChangePolling::NonRecursive);
     EXPECT_TRUE(eventually([&] { return probe.ownAttributeCalls() >= 3; }));
     detector.triggerShutdown();
     const int calls = probe.ownAttributeCalls();
-    EXPECT_TRUE(eventually([&] { return threadCount() == before; }));
+    const auto thread = std::to_string(pollingThread.load());
+    EXPECT_TRUE(eventually([&] { return !threadAlive(thread); }));
     EXPECT_EQ(probe.ownAttributeCalls(), calls);
     EXPECT_TRUE(detector.isShutdown());
 }
