@@ -167,8 +167,10 @@ ChangeEventCallback EventLog::callback() {
         std::string relative = path == root_ ? "." : path.substr(std::min(path.size(), root_.size() + 1));
         std::ostringstream line;
         line << kind << ' ' << relative << ' ' << (type == events::EntryType::File ? "file" : "folder");
+        std::string text = line.str();
+        text.erase(0, text.find("::") + 2);  // "Kind::EntryAdded a file" -> "EntryAdded a file"
         std::lock_guard lock(mutex_);
-        lines_.push_back(line.str());
+        lines_.push_back(std::move(text));
         changed_.notify_all();
     };
 }

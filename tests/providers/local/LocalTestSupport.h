@@ -53,8 +53,8 @@ std::optional<std::string> mountTmpfs(const std::string& path, const std::string
 // Remounts the file system at `path` read-only.
 std::optional<std::string> remountReadOnly(const std::string& path);
 
-// Collects change events from a background thread as "Kind relative-path type" lines, the
-// path relative to `root` ('.' for the root itself).
+// Collects change events from a background thread as lines "EntryAdded sub/a.txt file": the
+// kind, the path relative to `root` ('.' for the root itself) and the entry type.
 class EventLog {
 public:
     explicit EventLog(std::string root) : root_(std::move(root)) {}
