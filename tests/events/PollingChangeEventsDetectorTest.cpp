@@ -3,11 +3,15 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <future>
-#include <iterator>
+#include <memory>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include <sys/syscall.h>
 
 #include <gtest/gtest.h>
 
@@ -31,9 +35,42 @@ void watch(PollingChangeEventsDetector& detector, FakeFolder& folder, std::vecto
                                RecursiveChangePolling::NonRecursive);
 }
 
-std::ptrdiff_t threadCount() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
-                         std::filesystem::directory_iterator());
+std::set<std::string> threadIds() {
+    std::set<std::string> ids;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        ids.insert(task.path().filename().string());
+    }
+    return ids;
+}
+
+// Starts a detector and finds its polling thread's id among the process's threads.
+std::string startedThread(std::unique_ptr<PollingChangeEventsDetector>& detector, ChangeEventCallback callback,
+                          std::chrono::milliseconds period) {
+    const auto before = threadIds();
+    detector = std::make_unique<PollingChangeEventsDetector>(std::move(callback), period);
+    std::string started;
+    EXPECT_TRUE(eventually([&] {
+        for (const auto& id : threadIds()) {
+            if (before.count(id) == 0) {
+                started = id;
+                return true;
+            }
+        }
+        return false;
+    }));
+    return started;
+}
+
+bool threadAlive(const std::string& id) { return std::filesystem::exists("/proc/self/task/" + id); }
+
+// Whether the thread is blocked in a futex wait with a timeout: a timed condition-variable
+// wait, as opposed to a mutex (no timeout) or running code.
+bool inTimedWait(const std::string& id) {
+    std::ifstream syscall("/proc/self/task/" + id + "/syscall");
+    long number = -1;
+    std::string address, operation, value, timeout;
+    syscall >> number >> address >> operation >> value >> timeout;
+    return number == SYS_futex && !timeout.empty() && timeout != "0x0";
 }
 
 TEST(PollingChangeEventsDetector, PollsEachFolderWithItsFirstRegistration) {
@@ -98,31 +135,33 @@ TEST(PollingChangeEventsDetector, StopsPollingARemovedFolder) {
 }
 
 TEST(PollingChangeEventsDetector, DestructionWakesTheThreadButTriggerShutdownDoesNot) {
-    const auto before = threadCount();
-    auto detector = std::make_unique<PollingChangeEventsDetector>(ChangeEventCallback(), std::chrono::hours(1));
-    ASSERT_TRUE(eventually([&] { return threadCount() == before + 1; }));
+    std::unique_ptr<PollingChangeEventsDetector> detector;
+    const auto thread = startedThread(detector, ChangeEventCallback(), std::chrono::hours(1));
+    ASSERT_FALSE(thread.empty());
+    // Until it waits, a starting thread would see the flag and end at once.
+    ASSERT_TRUE(eventually([&] { return inTimedWait(thread); }));
     detector->triggerShutdown();
     EXPECT_TRUE(detector->isShutdown());
     // A woken thread would end at once; this one sits out its hour.
-    EXPECT_FALSE(eventually([&] { return threadCount() == before; }, 200ms));
+    EXPECT_FALSE(eventually([&] { return !threadAlive(thread); }, 200ms));
 
     auto destroyed = std::async(std::launch::async, [&] { detector.reset(); });
     EXPECT_EQ(destroyed.wait_for(60s), std::future_status::ready);
-    EXPECT_EQ(threadCount(), before);
+    EXPECT_TRUE(eventually([&] { return !threadAlive(thread); }));
 }
 
 TEST(PollingChangeEventsDetector, TriggerShutdownEndsPollingAfterTheCurrentWait) {
-    const auto before = threadCount();
     Recorder events;
-    PollingChangeEventsDetector detector(events.callback(), 1ms);
+    std::unique_ptr<PollingChangeEventsDetector> detector;
+    const auto thread = startedThread(detector, events.callback(), 1ms);
     FakeFolder probe(u"mem:///p");
-    watch(detector, probe, {Kind::FolderChanged});
+    watch(*detector, probe, {Kind::FolderChanged});
     EXPECT_TRUE(eventually([&] { return probe.ownAttributeCalls() >= 3; }));
-    detector.triggerShutdown();
+    detector->triggerShutdown();
     const int calls = probe.ownAttributeCalls();
-    EXPECT_TRUE(eventually([&] { return threadCount() == before; }));
+    EXPECT_TRUE(eventually([&] { return !threadAlive(thread); }));
     EXPECT_EQ(probe.ownAttributeCalls(), calls);
-    EXPECT_TRUE(detector.isShutdown());
+    EXPECT_TRUE(detector->isShutdown());
 }
 
 TEST(PollingChangeEventsDetectorDeathTest, AnExceptionEscapingAPollEndsTheProcess) {

@@ -7,6 +7,7 @@
 
 #include "storage/provider/ByteStream.h"
 #include "storage/provider/Export.h"
+#include "storage/provider/GenericByteStreamDevice.h"
 #include "storage/provider/Options.h"
 
 namespace foundation::storage::provider {
@@ -58,6 +59,22 @@ private:
     std::shared_ptr<ByteStream> stream_;
     std::function<void(const StreamClosePolicy&)> onClose_;
     std::atomic<bool> closed_{false};
+};
+
+// A device closed in the ordinary way commits its transaction.
+template <>
+struct ByteStreamDeviceCloser<TransactionalStream> {
+    static void close(TransactionalStream& stream) { stream.close(StreamClosePolicy::Commit); }
+};
+
+// The Boost.Iostreams device over a transactional stream: close() commits, close(policy)
+// ends the transaction as asked. The last copy destroys the stream, which aborts it when open.
+class TransactionalStreamDevice : public GenericByteStreamDevice<TransactionalStream> {
+public:
+    using GenericByteStreamDevice<TransactionalStream>::GenericByteStreamDevice;
+    using GenericByteStreamDevice<TransactionalStream>::close;
+
+    void close(const StreamClosePolicy& policy) const { stream().close(policy); }
 };
 
 }  // namespace foundation::storage::provider

@@ -1,0 +1,226 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "storage/provider/ErrorCode.h"
+#include "storage/provider/Extensions.h"
+#include "storage/provider/IProvider.h"
+#include "storage/provider/ProviderFactory.h"
+
+namespace foundation::storage::provider {
+class PollingChangeEventsDetector;
+}
+
+namespace foundation::storage::provider::local {
+
+namespace detail {
+class ChangeNotifier;
+class WrittenFileSystems;
+}  // namespace detail
+
+// The local file system (Linux) under the scheme 'file'.
+//
+// Locations: a hierarchical location 'file:///home/user/notes.txt' (no host, or
+// 'localhost') and the path form toStorageIRI(u"file", path) address the same file: the
+// decoded, absolute path is handed to the system as UTF-8, so non-ASCII names work. Names on
+// disk that are not valid UTF-8 are listed with U+FFFD in place of the bad bytes (and cannot
+// be addressed back). Any other scheme, a host, a container location or a relative or empty
+// path: ErrorCode::InvalidLocation.
+//
+// Kinds of entry: a folder is what stat(2) calls a directory, and everything else that
+// exists is a file, special files (devices, pipes, sockets) included; symbolic links are
+// followed. existsExtended() tells the kinds apart without following the last link. A
+// dangling symbolic link is listed as a file carrying the link's own attributes (symlink
+// flag set), and getFileAttributes() reports the same, although fileExists() is false for it.
+// removeFile() removes a symbolic link itself, also one that points to a folder;
+// removeFolder() refuses a link (InvalidLocation).
+//
+// Attributes: size, last-modified time to the microsecond, hidden for names starting with
+// '.', writable evaluated on first read with faccessat(W_OK, AT_EACCESS) (what this process
+// may do with its effective identity and capabilities), symlink evaluated on first read with
+// lstat unless the listing already knew it. setWritable(false) clears every write bit,
+// setWritable(true) sets the owner's.
+//
+// Listings: names-only forms use the directory entry's type and stat only symbolic links
+// and entries of unknown type; full forms stat every entry. An entry that vanishes between
+// being read and being stat'ed is left out. Wildcards are matched by fnmatch(3) without
+// flags against the entry's name ('*', '?', '[...]'; a leading '.' is matched like any
+// character). Recursive listings walk iteratively (depth first, a folder before its
+// content), never descend through a symbolic link or into another file system, yield paths
+// relative to the listed folder ('deeper/c.txt'), match wildcards against the last element
+// only, and list a subfolder that cannot be opened without its content.
+//
+// Streams honour every ByteStreamOpenOptions field (WriteOnly opens O_WRONLY; Append writes at
+// the end whatever the position). A failing read, write, seek or close throws
+// ByteStreamFailure with the mapped ErrorCode.
+//
+// Moves: rename(2). Preserve and NoClobber never replace an existing destination, even when
+// another process creates it meanwhile (renameat2 RENAME_NOREPLACE; where the file system lacks
+// it, link and unlink for files, an exclusively created empty folder replaced by rename for
+// folders). Across file systems a file is copied beside the destination, committed like an
+// atomic copy (mode and last-modified time kept) and the source removed; a folder is copied
+// into a hidden scratch folder, renamed into place, and the source tree removed.
+//
+// Writes that must survive a crash: a transactional stream writes a hidden scratch file
+// "." + UUID + ".tmp.bak" beside the target (always created fresh and empty, with the
+// target's permission bits when it exists; NeverCreate requires the target to exist). Commit
+// flushes the scratch file to disk (fsync), renames it over the target and flushes the
+// folder, so after a power cut the target holds either the old or the new content. Abort,
+// or destruction without a close, removes the scratch file.
+//
+// Copies: copyFile and copyFileAtomic use copy_file_range(2), which shares blocks where the
+// file system can, and fall back to read/write where it cannot. The copy gets the source's
+// permission bits. copyFile with Preserve or NoClobber creates the destination exclusively;
+// a failed copyFile removes the partly written destination. copyFileAtomic copies into a
+// scratch file beside the destination, asks `interrupt` before each chunk after the first
+// (chunks of 4 MiB), and commits durably as above; Aborted, or a failure, leaves the
+// destination as it was. hasFeature: RecursiveFolderRemoval and NativeAtomicCopy.
+//
+// removeFolderRecursively works below one open folder with openat/unlinkat and never
+// follows a symbolic link, even when a folder is replaced by a link while it runs (the link
+// itself is removed); it refuses to descend into another file system (ResourceInUse).
+// Applied to a symbolic link, it removes the link only.
+//
+// Errors: every failure is an Exception with the location concerned (for two locations, the
+// one the failure belongs to; for removeFolderRecursively, the folder asked about). errno maps
+// as toErrorCode() below. Where the entry exists but is of the wrong kind (a folder opened as
+// a file, a file listed or removed as a folder) the code is InvalidLocation, and so it is when
+// a creation (of a file, a folder, a stream, a copy or move destination) finds a file where a
+// folder must be (ENOTDIR).
+//
+// Change events, natively (publishFolderEventsFor, publishFileEventsFor) on inotify(7), with
+// the polling vocabulary: a creation or move into the folder is EntryAdded, a removal or move
+// out is EntryRemoved (a rename inside shows as both), a write or attribute change is
+// EntryModified, and the folder's own time change (any entry added or removed, or its own
+// attributes) is FolderChanged, published before the entry event; within one batch of
+// notifications FolderChanged and EntryModified are published once per entry. When the
+// watched folder is deleted or moved away, FolderVanished, and the subscription ends.
+// Recursive watching takes in folders created or moved in later and reports the entries
+// found in them as added (an entry created just then may be reported twice); changes in a
+// subfolder also report the subfolder as EntryModified, as polling would. A file subscription
+// watches its folder and reports the file's EntryAdded, EntryModified and EntryRemoved (with
+// the folder as watched folder), and FolderVanished. A folder already published keeps its
+// first subscription; a second file of the same folder joins it. Callbacks run on the
+// provider's notification thread one at a time, with its lock held: a callback must not
+// publish or stop publishing on the same provider, and an exception it throws is dropped.
+// After stopPublishing...For returns no callback of that subscription runs. Missing or
+// non-folder locations throw as listings do; when the notification mechanism itself fails
+// (instance or watch limits), ChangeEventsSubscriptionException. If the kernel's queue
+// overflows, FolderChanged is published for every watched folder.
+//
+// Change polling: the library's poller and detector, with getters that keep a poll from
+// ending the process. A poll that cannot read the watched folder (permissions removed, I/O
+// error) treats it as vanished: FolderVanished when subscribed, and the folder is no longer
+// polled (stop and start again to resume); without FolderVanished the poll is skipped and
+// tried again next period. An entry whose attributes cannot be read is recorded without a
+// time. The first snapshot, taken by startChangePollingMechanism, throws as listAll does.
+//
+// flushFilesystem() calls syncfs(2) on every file system this provider has changed since it
+// was built. invalidate() does nothing: the provider caches nothing, every call asks the
+// file system. shutdown() ends native notification and change polling; the provider stays
+// usable.
+//
+// Every operation may be called from any thread at once. Streams follow the ByteStream rule
+// of one thread per stream.
+class LocalProvider : public IProvider,
+                      public extensions::IFlushableFilesystem,
+                      public extensions::IInvalidatable {
+public:
+    LocalProvider();
+    ~LocalProvider() override;
+
+protected:
+    void doCreateFile(const StorageIRI& location) const override;
+    void doCreateFolder(const StorageIRI& location) const override;
+    bool doFileExists(const StorageIRI& location) const override;
+    bool doFolderExists(const StorageIRI& location) const override;
+    void doRemoveFile(const StorageIRI& location) const override;
+    void doMoveFile(const StorageIRI& from, const StorageIRI& to, const ReplacementPolicy& policy) const override;
+    void doRemoveFolder(const StorageIRI& location) const override;
+    void doRemoveFolderRecursively(const StorageIRI& location) const override;
+    void doMoveFolder(const StorageIRI& from, const StorageIRI& to, const ReplacementPolicy& policy) const override;
+    FileAttributes doGetFileAttributes(const StorageIRI& location) const override;
+    FolderAttributes doGetFolderAttributes(const StorageIRI& location) const override;
+    std::unique_ptr<ByteStream> doOpenStream(const StorageIRI& location,
+                                             const ByteStreamOpenOptions& options) const override;
+    std::unique_ptr<ByteStream> doOpenReadOnlyStream(const StorageIRI& location) const override;
+    std::unique_ptr<TransactionalStream> doOpenTransactionalStreamAtScratchLocation(
+        const StorageIRI& location, const StorageIRI& scratch, const ByteStreamOpenOptions& options) const override;
+    std::unique_ptr<IFolderEntryIterator> doListAll(const StorageIRI& folder) const override;
+    std::unique_ptr<IFolderEntryIterator> doListAllWildcards(const StorageIRI& folder, ustring wildcard) const override;
+    std::unique_ptr<IFolderEntryIterator> doListFiles(const StorageIRI& folder) const override;
+    std::unique_ptr<IFolderEntryIterator> doListFilesWildcards(const StorageIRI& folder,
+                                                               ustring wildcard) const override;
+    std::unique_ptr<IFolderEntryIterator> doListFolders(const StorageIRI& folder) const override;
+    std::unique_ptr<IFolderEntryIterator> doListFoldersWildcards(const StorageIRI& folder,
+                                                                 ustring wildcard) const override;
+    std::unique_ptr<IFolderEntryIterator> doListAllNamesOnly(const StorageIRI& folder) const override;
+    std::unique_ptr<IFolderEntryIterator> doListAllNamesOnlyWildcards(const StorageIRI& folder,
+                                                                      ustring wildcard) const override;
+    std::unique_ptr<IFolderEntryIterator> doListFoldersNamesOnly(const StorageIRI& folder) const override;
+    std::unique_ptr<IFolderEntryIterator> doListFoldersNamesOnlyWildcards(const StorageIRI& folder,
+                                                                          ustring wildcard) const override;
+    std::unique_ptr<IFolderEntryIterator> doListFilesNamesOnly(const StorageIRI& folder) const override;
+    std::unique_ptr<IFolderEntryIterator> doListFilesNamesOnlyWildcards(const StorageIRI& folder,
+                                                                        ustring wildcard) const override;
+    std::unique_ptr<IFolderEntryIterator> doListAllRecursive(const StorageIRI& folder) const override;
+    std::unique_ptr<IFolderEntryIterator> doListAllRecursiveWildcards(const StorageIRI& folder,
+                                                                      ustring wildcard) const override;
+    std::unique_ptr<IFolderEntryIterator> doListAllRecursiveNamesOnly(const StorageIRI& folder) const override;
+    std::unique_ptr<IFolderEntryIterator> doListAllRecursiveNamesOnlyWildcards(const StorageIRI& folder,
+                                                                               ustring wildcard) const override;
+    void doCopyFile(const StorageIRI& from, const StorageIRI& to, const ReplacementPolicy& policy) const override;
+    TransactionStatus doCopyFileAtomic(const StorageIRI& from, const StorageIRI& to, const ReplacementPolicy& policy,
+                                       const std::function<InterruptSignal()>& interrupt) const override;
+    void doSetLastModified(const StorageIRI& location, const boost::posix_time::ptime& time) const override;
+    void doSetWritable(const StorageIRI& location, bool writable) const override;
+    void doPublishFolderEventsFor(const StorageIRI& folder, const ChangeEventCallback& callback,
+                                  const std::vector<events::Kind>& kinds,
+                                  RecursiveFileWatching recursive) const override;
+    void doPublishFileEventsFor(const StorageIRI& file, const ChangeEventCallback& callback,
+                                const std::vector<events::Kind>& kinds) const override;
+    void doStopPublishingEventsFor(const StorageIRI& folder) const override;
+    void doStartChangePollingMechanism(const StorageIRI& folder, const ChangeEventCallback& callback,
+                                       const std::vector<events::Kind>& kinds, std::chrono::milliseconds period,
+                                       RecursiveChangePolling recursive) const override;
+    void doStopChangePollingMechanism(const StorageIRI& folder) const override;
+    bool doHasFeature(const ExtendedFeature& feature) const override;
+    void doShutdown() override;
+    ExistenceType doExists(const StorageIRI& location) const override;
+    ExistenceTypeExtended doExistsExtended(const StorageIRI& location) const override;
+    ProviderStorageInfo doGetProviderStorageInfo(const StorageIRI& location) const override;
+    void doTruncateToSize(const StorageIRI& location, std::uint64_t size) const override;
+
+    void doFlushFilesystem() override;
+    void doInvalidate(const StorageIRI& location) override;
+
+private:
+    detail::ChangeNotifier& notifier() const;
+
+    std::unique_ptr<detail::WrittenFileSystems> written_;
+    // Declared last: their threads call into the members above and end first.
+    mutable std::mutex notifierMutex_;
+    mutable std::unique_ptr<detail::ChangeNotifier> notifier_;
+    mutable std::mutex pollingMutex_;
+    mutable std::unique_ptr<PollingChangeEventsDetector> detector_;
+};
+
+// The provider for every 'file' location: one key, 'file:///', for the whole file system.
+// getKey throws Exception(InvalidLocation) for a location the provider cannot address.
+class LocalProviderFactory : public PhysicalProviderFactory {
+protected:
+    std::shared_ptr<IProvider> doBuildProvider(const StorageIRI& location) const override;
+    StorageIRI doGetKey(const StorageIRI& location) const override;
+};
+
+// The code a failing system call's errno stands for: ENOENT, ENOTDIR: ResourceNotFound;
+// EACCES, EPERM: PermissionDenied; EEXIST: ResourceAlreadyExists; ENOTEMPTY: FolderNotEmpty;
+// ENOSPC, EDQUOT: NoSpaceLeft; EFBIG: FileTooLarge; EBUSY, ETXTBSY: ResourceInUse; EROFS:
+// ReadOnlyProvider; EIO: IOError; ENAMETOOLONG, EINVAL, EISDIR, ELOOP: InvalidLocation;
+// anything else: IOError.
+ErrorCode toErrorCode(int errnoValue) noexcept;
+
+}  // namespace foundation::storage::provider::local

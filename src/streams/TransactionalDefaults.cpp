@@ -1,0 +1,57 @@
+// IProvider's transactional-stream defaults: write to a hidden scratch file beside the
+// target, commit by moving it over the target, abort by removing it.
+
+#include <string>
+
+#include <boost/uuid/random_generator.hpp>
+#include <boost/uuid/uuid.hpp>
+#include <boost/uuid/uuid_io.hpp>
+
+#include "storage/provider/IProvider.h"
+#include "storage/provider/TransactionalStream.h"
+
+namespace foundation::storage::provider {
+
+namespace {
+
+// "." + a random version-4 UUID in its 36-character lower-case form + ".tmp.bak".
+ustring makeScratchName() {
+    // The generator is not thread-safe; one per thread keeps concurrent opens lock-free.
+    thread_local boost::uuids::random_generator generator;
+    const std::string uuid = boost::uuids::to_string(generator());
+    ustring name = u".";
+    name.append(uuid.begin(), uuid.end());  // ASCII only
+    name += u".tmp.bak";
+    return name;
+}
+
+}  // namespace
+
+std::unique_ptr<TransactionalStream> IProvider::openTransactionalStream(const StorageIRI& location,
+                                                                        const ByteStreamOpenOptions& options) const {
+    return doOpenTransactionalStream(location, options);
+}
+
+std::unique_ptr<TransactionalStream> IProvider::doOpenTransactionalStream(const StorageIRI& location,
+                                                                          const ByteStreamOpenOptions& options) const {
+    // Same folder as the target, so that the commit is a move within one folder.
+    const StorageIRI scratch(location.getParent(), makeScratchName());
+    return doOpenTransactionalStreamAtScratchLocation(location, scratch, options);
+}
+
+std::unique_ptr<TransactionalStream> IProvider::doOpenTransactionalStreamAtScratchLocation(
+    const StorageIRI& location, const StorageIRI& scratch, const ByteStreamOpenOptions& options) const {
+    std::unique_ptr<ByteStream> opened = doOpenStream(scratch, options);
+    std::unique_ptr<ByteStream> stream = SafeByteStream::open(opened, options);
+    // The provider is held by reference: it must outlive the stream.
+    auto onClose = [scratch, provider = this, location](const StreamClosePolicy& policy) {
+        if (policy == StreamClosePolicy::Commit) {
+            provider->doMoveFile(scratch, location, ReplacementPolicy::Overwrite);
+        } else {
+            provider->doRemoveFile(scratch);
+        }
+    };
+    return std::make_unique<GenericTransactionalStream<ByteStream>>(stream, onClose);
+}
+
+}  // namespace foundation::storage::provider

@@ -1,0 +1,141 @@
+#include "storage/provider/IProvider.h"
+
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "events/FakeFolder.h"
+#include "support/InstrumentedProvider.h"
+#include "support/SimpleStore.h"
+
+namespace foundation::storage::provider {
+namespace {
+
+using namespace std::chrono_literals;
+using events::Kind;
+using fake::eventually;
+using fake::Recorder;
+using testsupport::InstrumentedProvider;
+using testsupport::SimpleStore;
+using Events = std::vector<std::string>;
+
+// A store with folders /a and /b, watched through a provider that records its calls.
+struct Watched {
+    Watched() {
+        store->createFolder(SimpleStore::at(u"/a"));
+        store->createFolder(SimpleStore::at(u"/b"));
+        store->put(u"/a/x", "x");
+    }
+    // Polls end before the provider goes: its getters call into it.
+    ~Watched() {
+        provider.stopChangePollingMechanism(SimpleStore::at(u"/a"));
+        provider.stopChangePollingMechanism(SimpleStore::at(u"/b"));
+    }
+    int calls(const std::string& call) const {
+        const auto all = provider.calls();
+        return static_cast<int>(std::count(all.begin(), all.end(), call));
+    }
+
+    Recorder first;
+    Recorder second;
+    std::shared_ptr<SimpleStore> store = std::make_shared<SimpleStore>();
+    InstrumentedProvider provider{store};
+};
+
+TEST(ProviderChangeEvents, PublishingIsUnsupportedByDefault) {
+    Watched w;
+    const auto folder = SimpleStore::at(u"/a");
+    const auto file = SimpleStore::at(u"/a/x");
+    try {
+        w.provider.publishFolderEventsFor(folder, w.first.callback(), {Kind::EntryAdded},
+                                          RecursiveFileWatching::NonRecursive);
+        ADD_FAILURE() << "expected ChangeEventsNotSupportedException";
+    } catch (const ChangeEventsNotSupportedException& e) {
+        EXPECT_EQ(e.getStorageIRI(), folder);
+    }
+    try {
+        w.provider.publishFileEventsFor(file, w.first.callback(), {Kind::EntryModified});
+        ADD_FAILURE() << "expected ChangeEventsNotSupportedException";
+    } catch (const ChangeEventsNotSupportedException& e) {
+        EXPECT_EQ(e.getStorageIRI(), file);
+    }
+    w.provider.clear();
+    w.provider.stopPublishingFolderEventsFor(folder);
+    w.provider.stopPublishingFileEventsFor(file);
+    EXPECT_EQ(w.provider.calls(), (Events{"doStopPublishingEventsFor /a", "doStopPublishingEventsFor /a"}));
+}
+
+TEST(ProviderChangeEvents, GettersCallTheProvidersOwnMembers) {
+    Watched w;
+    const auto a = SimpleStore::at(u"/a");
+    // Stopping before any start, or a folder never started, does nothing.
+    w.provider.stopChangePollingMechanism(a);
+
+    w.provider.startChangePollingMechanism(a, w.first.callback(), {Kind::FolderChanged, Kind::EntryModified}, 1h,
+                                           RecursiveChangePolling::NonRecursive);
+    EXPECT_EQ(w.provider.calls(), (Events{"doStopChangePollingMechanism /a", "doStartChangePollingMechanism /a",
+                                          "doGetFolderAttributes /a", "doListAll /a"}));
+    w.provider.stopChangePollingMechanism(SimpleStore::at(u"/never"));
+
+    // Recursive polling lists through doListAllRecursive, unsupported here: nothing is
+    // registered, so a later flat start of the same folder takes effect.
+    const auto b = SimpleStore::at(u"/b");
+    w.provider.clear();
+    try {
+        w.provider.startChangePollingMechanism(b, w.first.callback(), {Kind::EntryAdded}, 1h,
+                                               RecursiveChangePolling::Recursive);
+        ADD_FAILURE() << "expected UnsupportedOperation";
+    } catch (const Exception& e) {
+        EXPECT_EQ(e.getErrorCode(), ErrorCode::UnsupportedOperation);
+    }
+    EXPECT_EQ(w.calls("doListAllRecursive /b"), 1);
+    w.provider.startChangePollingMechanism(b, w.first.callback(), {Kind::EntryAdded}, 1h,
+                                           RecursiveChangePolling::NonRecursive);
+    EXPECT_EQ(w.calls("doListAll /b"), 1);
+
+    // A missing folder fails the start whenever the kinds make the first snapshot read it.
+    const auto missing = SimpleStore::at(u"/missing");
+    try {
+        w.provider.startChangePollingMechanism(missing, w.first.callback(), {Kind::EntryRemoved}, 1h,
+                                               RecursiveChangePolling::NonRecursive);
+        ADD_FAILURE() << "expected ResourceNotFound";
+    } catch (const Exception& e) {
+        EXPECT_EQ(e.getErrorCode(), ErrorCode::ResourceNotFound);
+    }
+    EXPECT_NO_THROW(w.provider.startChangePollingMechanism(missing, w.first.callback(), {Kind::FolderVanished}, 1h,
+                                                           RecursiveChangePolling::NonRecursive));
+    w.provider.stopChangePollingMechanism(missing);
+}
+
+TEST(ProviderChangeEvents, FirstRequestsCallbackPeriodAndKindsStay) {
+    Watched w;
+    const auto a = SimpleStore::at(u"/a");
+    const auto b = SimpleStore::at(u"/b");
+    w.provider.startChangePollingMechanism(a, w.first.callback(), {Kind::FolderChanged}, 1ms,
+                                           RecursiveChangePolling::NonRecursive);
+    w.provider.startChangePollingMechanism(a, w.second.callback(), {Kind::EntryAdded}, 1h,
+                                           RecursiveChangePolling::NonRecursive);
+    // /b asks for an hour and another callback, yet is polled every millisecond for the first.
+    w.provider.startChangePollingMechanism(b, w.second.callback(), {Kind::EntryAdded}, 1h,
+                                           RecursiveChangePolling::NonRecursive);
+    EXPECT_TRUE(eventually([&] { return w.calls("doListAll /b") >= 3; }));
+    w.store->put(u"/b/y", "y");
+    EXPECT_EQ(w.first.waitFor(1), Events{"EntryAdded /b/y file"});
+    EXPECT_EQ(w.second.take(), Events{});
+    // /a keeps FolderChanged only: it is never listed.
+    EXPECT_EQ(w.calls("doListAll /a"), 0);
+
+    // Stopping /a ends its polls while /b goes on.
+    w.provider.stopChangePollingMechanism(a);
+    const int polledA = w.calls("doGetFolderAttributes /a");
+    const int polledB = w.calls("doListAll /b");
+    EXPECT_TRUE(eventually([&] { return w.calls("doListAll /b") >= polledB + 2; }));
+    EXPECT_EQ(w.calls("doGetFolderAttributes /a"), polledA);
+}
+
+}  // namespace
+}  // namespace foundation::storage::provider
