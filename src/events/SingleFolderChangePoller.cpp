@@ -1,6 +1,7 @@
 #include "storage/provider/SingleFolderChangePoller.h"
 
 #include <algorithm>
+#include <iterator>
 #include <stdexcept>
 
 #include "storage/provider/Exception.h"
@@ -61,7 +62,7 @@ void SingleFolderChangePoller::buildInitialSnapshot() {
             const FolderEntry entry = entries->get();
             StorageIRI child(folder_, entry.getName());
             const auto [type, time] = getTypeAndLastModified(child, entry);
-            initial.emplace(std::move(child), SnapshotRecord{type, time});
+            initial.emplace_hint(initial.end(), std::move(child), SnapshotRecord{type, time});
         }
     }
     snapshot_ = std::move(initial);
@@ -119,17 +120,29 @@ void SingleFolderChangePoller::incrementalCompareAndPublish() const {
     }
 
     if (watchAdded || watchModified || watchRemoved) {
+        // Listings usually come in location order: each entry is then tried at the end of the
+        // new snapshot and just after the previous match in the old one before a full search.
+        auto expected = snapshot_.cbegin();
         const auto entries = entryIteratorGetter_(folder_);
         while (entries->hasNext()) {
             entries->next();
             const FolderEntry entry = entries->get();
             StorageIRI child(folder_, entry.getName());
             const auto [type, time] = getTypeAndLastModified(child, entry);
-            const auto [inserted, isNew] = fresh.emplace(std::move(child), SnapshotRecord{type, time});
+            const auto sizeBefore = fresh.size();
+            const auto inserted = fresh.emplace_hint(fresh.end(), std::move(child), SnapshotRecord{type, time});
             const StorageIRI& key = inserted->first;
             // A key already in the new snapshot (a name listed twice) has consumed its old
             // record: it counts as added again, and the first record is kept.
-            const auto old = isNew ? snapshot_.find(key) : snapshot_.end();
+            auto old = snapshot_.cend();
+            if (fresh.size() != sizeBefore) {
+                const bool atExpected =
+                    expected != snapshot_.cend() && !(key < expected->first) && !(expected->first < key);
+                old = atExpected ? expected : snapshot_.find(key);
+                if (old != snapshot_.cend()) {
+                    expected = std::next(old);
+                }
+            }
             if (old != snapshot_.end()) {
                 if (watchModified && old->second.lastModified != time) {
                     callback_(Kind::EntryModified, folder_, key, type, noDetail());

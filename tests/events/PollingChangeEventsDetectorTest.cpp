@@ -1,6 +1,7 @@
 #include "storage/provider/PollingChangeEventsDetector.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -9,9 +10,11 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <sys/syscall.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -41,24 +44,6 @@ std::set<std::string> threadIds() {
         ids.insert(task.path().filename().string());
     }
     return ids;
-}
-
-// Starts a detector and finds its polling thread's id among the process's threads.
-std::string startedThread(std::unique_ptr<PollingChangeEventsDetector>& detector, ChangeEventCallback callback,
-                          std::chrono::milliseconds period) {
-    const auto before = threadIds();
-    detector = std::make_unique<PollingChangeEventsDetector>(std::move(callback), period);
-    std::string started;
-    EXPECT_TRUE(eventually([&] {
-        for (const auto& id : threadIds()) {
-            if (before.count(id) == 0) {
-                started = id;
-                return true;
-            }
-        }
-        return false;
-    }));
-    return started;
 }
 
 bool threadAlive(const std::string& id) { return std::filesystem::exists("/proc/self/task/" + id); }
@@ -135,11 +120,20 @@ TEST(PollingChangeEventsDetector, StopsPollingARemovedFolder) {
 }
 
 TEST(PollingChangeEventsDetector, DestructionWakesTheThreadButTriggerShutdownDoesNot) {
-    std::unique_ptr<PollingChangeEventsDetector> detector;
-    const auto thread = startedThread(detector, ChangeEventCallback(), std::chrono::hours(1));
-    ASSERT_FALSE(thread.empty());
-    // Until it waits, a starting thread would see the flag and end at once.
-    ASSERT_TRUE(eventually([&] { return inTimedWait(thread); }));
+    const auto before = threadIds();
+    auto detector = std::make_unique<PollingChangeEventsDetector>(ChangeEventCallback(), std::chrono::hours(1));
+    // The polling thread is the new one that settles into a timed wait; until then it would
+    // see the flag and end at once.
+    std::string thread;
+    ASSERT_TRUE(eventually([&] {
+        for (const auto& id : threadIds()) {
+            if (before.count(id) == 0 && inTimedWait(id)) {
+                thread = id;
+                return true;
+            }
+        }
+        return false;
+    }));
     detector->triggerShutdown();
     EXPECT_TRUE(detector->isShutdown());
     // A woken thread would end at once; this one sits out its hour.
@@ -151,17 +145,26 @@ TEST(PollingChangeEventsDetector, DestructionWakesTheThreadButTriggerShutdownDoe
 }
 
 TEST(PollingChangeEventsDetector, TriggerShutdownEndsPollingAfterTheCurrentWait) {
-    Recorder events;
-    std::unique_ptr<PollingChangeEventsDetector> detector;
-    const auto thread = startedThread(detector, events.callback(), 1ms);
     FakeFolder probe(u"mem:///p");
-    watch(*detector, probe, {Kind::FolderChanged});
+    std::atomic<long> pollingThread{0};
+    auto folderAttributes = [&, self = std::this_thread::get_id(),
+                             inner = probe.folderAttributesGetter()](StorageIRI location) {
+        if (std::this_thread::get_id() != self) {
+            pollingThread = ::syscall(SYS_gettid);
+        }
+        return inner(std::move(location));
+    };
+    Recorder events;
+    PollingChangeEventsDetector detector(events.callback(), 1ms);
+    detector.addFolderLocation(probe.location(), probe.iteratorGetter(), probe.fileAttributesGetter(),
+                               folderAttributes, {Kind::FolderChanged}, RecursiveChangePolling::NonRecursive);
     EXPECT_TRUE(eventually([&] { return probe.ownAttributeCalls() >= 3; }));
-    detector->triggerShutdown();
+    detector.triggerShutdown();
     const int calls = probe.ownAttributeCalls();
+    const auto thread = std::to_string(pollingThread.load());
     EXPECT_TRUE(eventually([&] { return !threadAlive(thread); }));
     EXPECT_EQ(probe.ownAttributeCalls(), calls);
-    EXPECT_TRUE(detector->isShutdown());
+    EXPECT_TRUE(detector.isShutdown());
 }
 
 TEST(PollingChangeEventsDetectorDeathTest, AnExceptionEscapingAPollEndsTheProcess) {
