@@ -1,0 +1,159 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+#include "storage/provider/Extensions.h"
+#include "storage/provider/IReadOnlyProvider.h"
+#include "storage/provider/ProviderFactory.h"
+#include "storage/provider/StorageItem.h"
+
+namespace foundation::storage::provider::zip {
+
+namespace detail {
+class Archive;
+struct ListingRequest;
+}
+
+// What an archive may declare before it is refused as implausible (a zip bomb). The checks
+// run on the archive's directory, before memory is committed for its entries.
+struct ZipLimits {
+    // Entries in the archive's directory.
+    std::uint64_t maxEntries = 1'000'000;
+    // Declared size of an entry over its compressed size (deflate cannot exceed 1032).
+    std::uint64_t maxCompressionRatio = 1100;
+};
+
+// The entries of one zip archive under the container scheme 'zip':
+// 'zip:file:///home/user/photos.zip!/2026/beach.jpg' is the entry 2026/beach.jpg of the
+// archive 'file:///home/user/photos.zip', and 'zip:file:///home/user/photos.zip!/' its root.
+// The archive is the file of `container`, read only through the container's provider
+// (openReadOnlyStream and getFileAttributes), so an archive held in memory, on disk or as an
+// entry of another archive ('zip:zip:file:///a.zip!/inner/b.zip!/c.txt') reads alike and
+// nothing is extracted.
+//
+// Read-only: every change throws ReadOnlyProvider (IReadOnlyProvider). Locations of another
+// scheme or another container: InvalidLocation.
+//
+// Entry names: split at '/' and '\'; empty and '.' segments are ignored and '..' removes the
+// segment before it, stopping at the root (so does a location's path), so no name addresses
+// anything outside the archive's own tree, and listings never yield '.', '..' or a name with
+// a separator. A NUL in a stored name reads as a space. Where two entries claim one path, the
+// first in the archive's directory wins and the other cannot be addressed; a file never
+// serves as a folder. Folders that the archive lists only as parents of entries exist and
+// list like the folders it stores.
+//
+// Attributes: an entry's declared size and its last-modified time (the archive's DOS time,
+// read as local time, as zip tools write it); folders without an entry of their own and the
+// root carry the container file's time. Nothing is writable, hidden or a link.
+//
+// Listings (every form native): entries sorted by name (UTF-16 code units), with their
+// attributes unless names only. Wildcards are matched against each name: '*' any run, '?'
+// one character, '[...]' one of a set or range ('[!...]' or '[^...]' none of them), '\'
+// quotes the next character. Recursive listings go depth first, a folder before its content,
+// yield paths relative to the listed folder ('deeper/c.txt') and match the last element only.
+//
+// Streams: read, seek and close on any entry. Seeking a stored entry is direct; in a
+// compressed entry a forward seek skips ahead and a backward one reopens the entry and skips
+// from its start. Reading checks the entry's CRC at its end. An entry that decompresses to
+// more or fewer bytes than it declares fails (ByteStreamFailure with IOError), as does any
+// use after close(). Several streams may be open at once; their reads take turns on the
+// archive.
+//
+// The archive is opened on first use and its index (every entry's path, size and time) is
+// built once; each operation then compares the container's size and last-modified time with
+// those seen at opening and reopens the archive when they differ. invalidate() of a location
+// of the archive, or of the container, drops it so that the next operation reopens it.
+// Streams already open keep reading the archive they opened.
+//
+// Errors: Exception with the location asked about. A container that cannot be read passes on
+// its own code; a missing container, or one that is a folder, holds no entries: exists()
+// and the like say so, other operations throw that code. A corrupt or truncated archive, or one
+// refused by ZipLimits: IOError. An entry whose encryption or compression method is not
+// supported: UnsupportedOperation on opening it.
+//
+// All operations may be called from any thread.
+class ZipProvider : public IReadOnlyProvider, public extensions::IInvalidatable {
+public:
+    explicit ZipProvider(StorageItem container, ZipLimits limits = {});
+    ~ZipProvider() override;
+
+    static constexpr char16_t kScheme[] = u"zip";
+
+    // The item of the archive file.
+    const StorageItem& getContainer() const noexcept { return container_; }
+
+protected:
+    bool doFileExists(const StorageIRI& location) const override;
+    bool doFolderExists(const StorageIRI& location) const override;
+    ExistenceType doExists(const StorageIRI& location) const override;
+    ExistenceTypeExtended doExistsExtended(const StorageIRI& location) const override;
+    FileAttributes doGetFileAttributes(const StorageIRI& location) const override;
+    FolderAttributes doGetFolderAttributes(const StorageIRI& location) const override;
+    std::unique_ptr<ByteStream> doOpenReadOnlyStream(const StorageIRI& location) const override;
+    std::unique_ptr<IFolderEntryIterator> doListAll(const StorageIRI& folder) const override;
+    std::unique_ptr<IFolderEntryIterator> doListAllWildcards(const StorageIRI& folder, ustring wildcard) const override;
+    std::unique_ptr<IFolderEntryIterator> doListFiles(const StorageIRI& folder) const override;
+    std::unique_ptr<IFolderEntryIterator> doListFilesWildcards(const StorageIRI& folder,
+                                                               ustring wildcard) const override;
+    std::unique_ptr<IFolderEntryIterator> doListFolders(const StorageIRI& folder) const override;
+    std::unique_ptr<IFolderEntryIterator> doListFoldersWildcards(const StorageIRI& folder,
+                                                                 ustring wildcard) const override;
+    std::unique_ptr<IFolderEntryIterator> doListAllNamesOnly(const StorageIRI& folder) const override;
+    std::unique_ptr<IFolderEntryIterator> doListAllNamesOnlyWildcards(const StorageIRI& folder,
+                                                                      ustring wildcard) const override;
+    std::unique_ptr<IFolderEntryIterator> doListFoldersNamesOnly(const StorageIRI& folder) const override;
+    std::unique_ptr<IFolderEntryIterator> doListFoldersNamesOnlyWildcards(const StorageIRI& folder,
+                                                                          ustring wildcard) const override;
+    std::unique_ptr<IFolderEntryIterator> doListFilesNamesOnly(const StorageIRI& folder) const override;
+    std::unique_ptr<IFolderEntryIterator> doListFilesNamesOnlyWildcards(const StorageIRI& folder,
+                                                                        ustring wildcard) const override;
+    std::unique_ptr<IFolderEntryIterator> doListAllRecursive(const StorageIRI& folder) const override;
+    std::unique_ptr<IFolderEntryIterator> doListAllRecursiveWildcards(const StorageIRI& folder,
+                                                                      ustring wildcard) const override;
+    std::unique_ptr<IFolderEntryIterator> doListAllRecursiveNamesOnly(const StorageIRI& folder) const override;
+    std::unique_ptr<IFolderEntryIterator> doListAllRecursiveNamesOnlyWildcards(const StorageIRI& folder,
+                                                                               ustring wildcard) const override;
+
+    void doInvalidate(const StorageIRI& location) override;
+
+private:
+    // The archive as it is now: the one already open while the container is unchanged,
+    // otherwise a freshly opened one. Failures are reported with `location`.
+    std::shared_ptr<const detail::Archive> archive(const StorageIRI& location) const;
+    // InvalidLocation unless `location` is an entry location of this container.
+    void requireOwn(const StorageIRI& location) const;
+    std::unique_ptr<IFolderEntryIterator> list(const StorageIRI& folder, detail::ListingRequest request) const;
+
+    StorageItem container_;
+    ZipLimits limits_;
+    mutable std::mutex mutex_;  // guards archive_; held while an archive opens
+    mutable std::shared_ptr<const detail::Archive> archive_;
+};
+
+// Serves every location inside one archive with one shared ZipProvider while it is held: the
+// key is the location of the archive file's item.
+class ZipProviderFactory : public ContainerProviderFactory {
+public:
+    explicit ZipProviderFactory(ZipLimits limits = {});
+
+    // The provider of locations that are not zip entry locations.
+    using OuterProviders = std::function<std::shared_ptr<IProvider>(const StorageIRI& location)>;
+
+    // The item for `location`. A zip entry location gets this factory's provider for its
+    // container, whose own item is found the same way, so nested archives resolve to any
+    // depth; any other location gets `outer`'s provider. Whatever `outer` or building a
+    // provider throws passes on. Nothing is read.
+    StorageItem itemFor(const StorageIRI& location, const OuterProviders& outer) const;
+
+protected:
+    std::shared_ptr<IProvider> doBuildProvider(const StorageItem& container) const override;
+    StorageIRI doGetKey(const StorageItem& container) const override;
+
+private:
+    ZipLimits limits_;
+};
+
+}  // namespace foundation::storage::provider::zip

@@ -1,0 +1,207 @@
+#include "storage/provider/zip/ZipProvider.h"
+
+#include <utility>
+
+#include "Archive.h"
+#include "Listing.h"
+#include "storage/provider/Exception.h"
+
+namespace foundation::storage::provider::zip {
+namespace {
+
+using detail::Index;
+using detail::ListingRequest;
+
+// A container that is missing, or not a file, holds no entries.
+bool containerAbsent(const Exception& e) {
+    return e.getErrorCode() == ErrorCode::ResourceNotFound || e.getErrorCode() == ErrorCode::InvalidLocation;
+}
+
+using detail::Node;
+
+// The node at `location`: ResourceNotFound when nothing is there, InvalidLocation when a file
+// stands on the way.
+const Node& find(const detail::Archive& archive, const StorageIRI& location) {
+    const Index::Lookup found = archive.index().find(location.getPath());
+    if (found.outcome == Index::Outcome::Missing) throw Exception(ErrorCode::ResourceNotFound, location);
+    if (found.outcome == Index::Outcome::ThroughFile) throw Exception(ErrorCode::InvalidLocation, location);
+    return archive.index().node(found.node);
+}
+
+ListingRequest request(ListingRequest::Select select, bool namesOnly, bool recursive, ustring wildcard) {
+    ListingRequest listing{select, namesOnly, recursive, std::nullopt};
+    if (!wildcard.empty()) listing.wildcard.emplace(std::move(wildcard));
+    return listing;
+}
+
+}  // namespace
+
+ZipProvider::ZipProvider(StorageItem container, ZipLimits limits)
+    : container_(std::move(container)), limits_(limits) {}
+
+ZipProvider::~ZipProvider() = default;
+
+void ZipProvider::requireOwn(const StorageIRI& location) const {
+    if (!location.hasInnerIRI() || location.getScheme() != kScheme || location.getInnerIRI() != container_.getLocation()) {
+        throw Exception(ErrorCode::InvalidLocation, location);
+    }
+}
+
+std::shared_ptr<const detail::Archive> ZipProvider::archive(const StorageIRI& location) const {
+    requireOwn(location);
+    std::optional<FileAttributes> now;
+    try {
+        now.emplace(container_.getFileAttributes());
+    } catch (const Exception& e) {
+        throw Exception(e.getErrorCode(), location);
+    }
+    std::lock_guard lock(mutex_);
+    if (archive_ && archive_->isCurrent(*now)) return archive_;
+    archive_.reset();
+    archive_ = detail::Archive::open(container_, *now, limits_, location);
+    return archive_;
+}
+
+ExistenceType ZipProvider::doExists(const StorageIRI& location) const {
+    requireOwn(location);
+    std::shared_ptr<const detail::Archive> current;
+    try {
+        current = archive(location);
+    } catch (const Exception& e) {
+        if (containerAbsent(e)) return ExistenceType::AsNeither;
+        throw;
+    }
+    const Index::Lookup found = current->index().find(location.getPath());
+    if (found.outcome != Index::Outcome::Found) return ExistenceType::AsNeither;
+    return current->index().node(found.node).folder ? ExistenceType::AsFolder : ExistenceType::AsFile;
+}
+
+ExistenceTypeExtended ZipProvider::doExistsExtended(const StorageIRI& location) const {
+    switch (doExists(location)) {
+    case ExistenceType::AsFile:
+        return ExistenceTypeExtended::RegularFile;
+    case ExistenceType::AsFolder:
+        return ExistenceTypeExtended::RegularFolder;
+    default:
+        return ExistenceTypeExtended::None;
+    }
+}
+
+bool ZipProvider::doFileExists(const StorageIRI& location) const { return doExists(location) == ExistenceType::AsFile; }
+
+bool ZipProvider::doFolderExists(const StorageIRI& location) const {
+    return doExists(location) == ExistenceType::AsFolder;
+}
+
+FileAttributes ZipProvider::doGetFileAttributes(const StorageIRI& location) const {
+    const auto current = archive(location);
+    const Node& node = find(*current, location);
+    if (node.folder) throw Exception(ErrorCode::InvalidLocation, location);
+    return FileAttributes(static_cast<unsigned long>(node.size), node.lastModified, false);
+}
+
+FolderAttributes ZipProvider::doGetFolderAttributes(const StorageIRI& location) const {
+    const auto current = archive(location);
+    const Node& node = find(*current, location);
+    if (!node.folder) throw Exception(ErrorCode::InvalidLocation, location);
+    return FolderAttributes(node.lastModified, false);
+}
+
+std::unique_ptr<ByteStream> ZipProvider::doOpenReadOnlyStream(const StorageIRI& location) const {
+    const auto current = archive(location);
+    const Node& node = find(*current, location);
+    if (node.folder) throw Exception(ErrorCode::InvalidLocation, location);
+    return current->openEntry(node, location);
+}
+
+std::unique_ptr<IFolderEntryIterator> ZipProvider::list(const StorageIRI& folder, detail::ListingRequest request) const {
+    auto current = archive(folder);
+    const Index::Lookup found = current->index().find(folder.getPath());
+    if (found.outcome == Index::Outcome::Missing) throw Exception(ErrorCode::ResourceNotFound, folder);
+    if (found.outcome == Index::Outcome::ThroughFile || !current->index().node(found.node).folder) {
+        throw Exception(ErrorCode::InvalidLocation, folder);
+    }
+    return detail::makeListing(std::move(current), found.node, std::move(request));
+}
+
+using Select = ListingRequest::Select;
+
+std::unique_ptr<IFolderEntryIterator> ZipProvider::doListAll(const StorageIRI& f) const {
+    return list(f, request(Select::All, false, false, {}));
+}
+std::unique_ptr<IFolderEntryIterator> ZipProvider::doListAllWildcards(const StorageIRI& f, ustring w) const {
+    return list(f, request(Select::All, false, false, std::move(w)));
+}
+std::unique_ptr<IFolderEntryIterator> ZipProvider::doListFiles(const StorageIRI& f) const {
+    return list(f, request(Select::Files, false, false, {}));
+}
+std::unique_ptr<IFolderEntryIterator> ZipProvider::doListFilesWildcards(const StorageIRI& f, ustring w) const {
+    return list(f, request(Select::Files, false, false, std::move(w)));
+}
+std::unique_ptr<IFolderEntryIterator> ZipProvider::doListFolders(const StorageIRI& f) const {
+    return list(f, request(Select::Folders, false, false, {}));
+}
+std::unique_ptr<IFolderEntryIterator> ZipProvider::doListFoldersWildcards(const StorageIRI& f, ustring w) const {
+    return list(f, request(Select::Folders, false, false, std::move(w)));
+}
+std::unique_ptr<IFolderEntryIterator> ZipProvider::doListAllNamesOnly(const StorageIRI& f) const {
+    return list(f, request(Select::All, true, false, {}));
+}
+std::unique_ptr<IFolderEntryIterator> ZipProvider::doListAllNamesOnlyWildcards(const StorageIRI& f, ustring w) const {
+    return list(f, request(Select::All, true, false, std::move(w)));
+}
+std::unique_ptr<IFolderEntryIterator> ZipProvider::doListFoldersNamesOnly(const StorageIRI& f) const {
+    return list(f, request(Select::Folders, true, false, {}));
+}
+std::unique_ptr<IFolderEntryIterator> ZipProvider::doListFoldersNamesOnlyWildcards(const StorageIRI& f,
+                                                                                    ustring w) const {
+    return list(f, request(Select::Folders, true, false, std::move(w)));
+}
+std::unique_ptr<IFolderEntryIterator> ZipProvider::doListFilesNamesOnly(const StorageIRI& f) const {
+    return list(f, request(Select::Files, true, false, {}));
+}
+std::unique_ptr<IFolderEntryIterator> ZipProvider::doListFilesNamesOnlyWildcards(const StorageIRI& f,
+                                                                                  ustring w) const {
+    return list(f, request(Select::Files, true, false, std::move(w)));
+}
+std::unique_ptr<IFolderEntryIterator> ZipProvider::doListAllRecursive(const StorageIRI& f) const {
+    return list(f, request(Select::All, false, true, {}));
+}
+std::unique_ptr<IFolderEntryIterator> ZipProvider::doListAllRecursiveWildcards(const StorageIRI& f, ustring w) const {
+    return list(f, request(Select::All, false, true, std::move(w)));
+}
+std::unique_ptr<IFolderEntryIterator> ZipProvider::doListAllRecursiveNamesOnly(const StorageIRI& f) const {
+    return list(f, request(Select::All, true, true, {}));
+}
+std::unique_ptr<IFolderEntryIterator> ZipProvider::doListAllRecursiveNamesOnlyWildcards(const StorageIRI& f,
+                                                                                        ustring w) const {
+    return list(f, request(Select::All, true, true, std::move(w)));
+}
+
+void ZipProvider::doInvalidate(const StorageIRI& location) {
+    const bool ours = location == container_.getLocation() ||
+                      (location.hasInnerIRI() && location.getScheme() == kScheme &&
+                       location.getInnerIRI() == container_.getLocation());
+    if (!ours) return;
+    std::lock_guard lock(mutex_);
+    archive_.reset();
+}
+
+// --- ZipProviderFactory --------------------------------------------------------------------
+
+ZipProviderFactory::ZipProviderFactory(ZipLimits limits) : limits_(limits) {}
+
+StorageItem ZipProviderFactory::itemFor(const StorageIRI& location, const OuterProviders& outer) const {
+    if (location.hasInnerIRI() && location.getScheme() == ZipProvider::kScheme) {
+        return StorageItem(buildProvider(itemFor(location.getInnerIRI(), outer)), location);
+    }
+    return StorageItem(outer(location), location);
+}
+
+std::shared_ptr<IProvider> ZipProviderFactory::doBuildProvider(const StorageItem& container) const {
+    return std::make_shared<ZipProvider>(container, limits_);
+}
+
+StorageIRI ZipProviderFactory::doGetKey(const StorageItem& container) const { return container.getLocation(); }
+
+}  // namespace foundation::storage::provider::zip

@@ -1,0 +1,138 @@
+#include "storage/provider/zip/ZipProvider.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "ZipTestSupport.h"
+#include "fl/i18n/convert.h"
+#include "storage/provider/local/LocalProvider.h"
+
+namespace foundation::storage::provider::zip {
+namespace {
+
+using ziptest::Method;
+using ziptest::readAll;
+
+const std::string kBig = ziptest::sampleText(5 << 20, 3);  // more than one 4 MiB copy chunk
+
+// a.zip on disk holds b.zip (stored), which holds c.zip (deflated), which holds the files.
+std::string nestedArchive(const std::string& text) {
+    const std::string c =
+        ziptest::ZipBuilder().file("deep/d.txt", text).file("big.bin", kBig).file("other.txt", "other").bytes();
+    const std::string b = ziptest::ZipBuilder().file("pad.txt", "padding").file("c.zip", c, Method::Deflated).bytes();
+    return ziptest::ZipBuilder().file("b.zip", b, Method::Stored).bytes();
+}
+
+class ZipNesting : public testing::Test {
+protected:
+    void SetUp() override {
+        local_ = std::make_shared<local::LocalProvider>();
+        ziptest::put(*local_, archive_, nestedArchive("three levels down"));
+    }
+
+    // 'zip:zip:zip:file:///.../a.zip!/b.zip!/c.zip!' + path.
+    StorageIRI deep(const std::string& path) const {
+        return ziptest::zipLocation(
+            ziptest::zipLocation(ziptest::zipLocation(archive_, "/b.zip"), "/c.zip"), path);
+    }
+    StorageItem item(const std::string& path) const {
+        return zips_.itemFor(deep(path), [this](const StorageIRI&) { return local_; });
+    }
+
+    ziptest::TempFolder folder_;
+    StorageIRI archive_ = folder_.location("a.zip");
+    std::shared_ptr<IProvider> local_;
+    ZipProviderFactory zips_;
+};
+
+TEST_F(ZipNesting, ResolvesAndReadsThreeDeep) {
+    const StorageItem d = item("/deep/d.txt");
+    EXPECT_EQ(readAll(*d.getProvider(), d.getLocation()), "three levels down");
+    EXPECT_EQ(d.getFileAttributes().getSize(), 17U);
+    EXPECT_TRUE(item("/deep").folderExists());
+
+    // Every level is one provider per archive, whose container is the level above.
+    const StorageItem other = item("/other.txt");
+    EXPECT_TRUE(d.hasSameProviderInstance(other));
+    const auto* c = dynamic_cast<const ZipProvider*>(d.getProvider().get());
+    ASSERT_NE(c, nullptr);
+    EXPECT_EQ(c->getContainer().getLocation(), ziptest::zipLocation(ziptest::zipLocation(archive_, "/b.zip"), "/c.zip"));
+    const auto* b = dynamic_cast<const ZipProvider*>(c->getContainer().getProvider().get());
+    ASSERT_NE(b, nullptr);
+    EXPECT_EQ(b->getContainer().getLocation(), ziptest::zipLocation(archive_, "/b.zip"));
+    const auto* a = dynamic_cast<const ZipProvider*>(b->getContainer().getProvider().get());
+    ASSERT_NE(a, nullptr);
+    EXPECT_EQ(a->getContainer().getLocation(), archive_);
+    EXPECT_EQ(a->getContainer().getProvider(), local_);
+
+    // Seeking back and forth in an entry of the deflated archive in the middle.
+    auto stream = other.openReadOnlyStream();
+    std::string tail(3, '\0');
+    stream->seek(-3, std::ios_base::end);
+    ASSERT_EQ(stream->read(tail.data(), 3), 3);
+    EXPECT_EQ(tail, "her");
+    EXPECT_EQ(readAll(*d.getProvider(), deep("/big.bin")), kBig);
+
+    // The archive on disk changes: every level notices.
+    ziptest::put(*local_, archive_, nestedArchive("rewritten"));
+    EXPECT_EQ(readAll(*d.getProvider(), d.getLocation()), "rewritten");
+}
+
+TEST_F(ZipNesting, FactorySharesWhileHeld) {
+    const StorageIRI cZip = ziptest::zipLocation(ziptest::zipLocation(archive_, "/b.zip"), "/c.zip");
+    std::weak_ptr<IProvider> released;
+    {
+        const StorageItem d = item("/deep/d.txt");
+        EXPECT_EQ(zips_.getKey(StorageItem(local_, cZip)), cZip);
+        released = d.getProvider();
+        EXPECT_EQ(item("/big.bin").getProvider(), d.getProvider());
+        // The archive in the middle is read by the provider that serves b.zip's own entries.
+        const auto& c = dynamic_cast<const ZipProvider&>(*d.getProvider());
+        const auto& b = dynamic_cast<const ZipProvider&>(*c.getContainer().getProvider());
+        EXPECT_EQ(zips_.itemFor(ziptest::zipLocation(archive_, "/b.zip"), [this](const StorageIRI&) { return local_; })
+                      .getProvider(),
+                  b.getContainer().getProvider());
+    }
+    EXPECT_TRUE(released.expired()) << "the factory holds its providers weakly";
+    EXPECT_EQ(readAll(*item("/other.txt").getProvider(), deep("/other.txt")), "other");
+}
+
+TEST_F(ZipNesting, CopiesOutToDiskAtomically) {
+    const StorageIRI target = folder_.location("out/d.txt");
+    local_->createFolder(target.getParent());
+    const StorageItem destination(local_, target);
+    auto copy = [&](const std::string& path, const std::function<InterruptSignal()>& interrupt) {
+        return item(path).copyFile(destination,
+                                   CopyFileOptions{ReplacementPolicy::Overwrite, TransactionPolicy::Atomic, interrupt});
+    };
+    auto onlyTarget = [&] {
+        std::vector<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(folder_.path() + "/out")) {
+            names.push_back(entry.path().filename().string());
+        }
+        return names == std::vector<std::string>{"d.txt"};
+    };
+
+    EXPECT_EQ(copy("/deep/d.txt", {}), TransactionStatus::Completed);
+    EXPECT_EQ(readAll(*local_, target), "three levels down");
+
+    // Stopped after its first chunk: the target keeps what it had, and no scratch file stays.
+    EXPECT_EQ(copy("/big.bin", [] { return InterruptSignal::Abort; }), TransactionStatus::Aborted);
+    EXPECT_EQ(readAll(*local_, target), "three levels down");
+    EXPECT_TRUE(onlyTarget());
+
+    int asked = 0;
+    EXPECT_EQ(copy("/big.bin",
+                   [&] {
+                       ++asked;
+                       return InterruptSignal::Continue;
+                   }),
+              TransactionStatus::Completed);
+    EXPECT_GE(asked, 1);
+    EXPECT_EQ(readAll(*local_, target), kBig);
+    EXPECT_TRUE(onlyTarget());
+}
+
+}  // namespace
+}  // namespace foundation::storage::provider::zip

@@ -1,0 +1,256 @@
+#include "ZipTestSupport.h"
+
+#include <zip.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <list>
+#include <stdexcept>
+
+#include "fl/i18n/convert.h"
+#include "storage/provider/Exception.h"
+#include "storage/provider/memory/MemoryProvider.h"
+
+namespace foundation::storage::provider::zip::ziptest {
+namespace {
+
+void require(bool condition, const std::string& what) {
+    if (!condition) throw std::runtime_error("test archive: " + what);
+}
+
+constexpr std::uint64_t kEndRecordSize = 22;
+
+}  // namespace
+
+ZipBuilder& ZipBuilder::file(const std::string& name, const std::string& content, Method method, std::time_t time) {
+    entries_.push_back({name, content, method, time, false});
+    return *this;
+}
+
+ZipBuilder& ZipBuilder::folder(const std::string& name, std::time_t time) {
+    entries_.push_back({name, "", Method::Stored, time, true});
+    return *this;
+}
+
+std::string ZipBuilder::bytes() const {
+    zip_error_t error;
+    zip_error_init(&error);
+    zip_source_t* buffer = zip_source_buffer_create(nullptr, 0, 0, &error);
+    require(buffer != nullptr, "no buffer");
+    zip_t* archive = zip_open_from_source(buffer, ZIP_TRUNCATE, &error);
+    require(archive != nullptr, "cannot start");
+    zip_source_keep(buffer);
+    for (const Entry& entry : entries_) {
+        zip_int64_t index = -1;
+        if (entry.folder) {
+            index = zip_dir_add(archive, entry.name.c_str(), ZIP_FL_ENC_UTF_8);
+        } else {
+            zip_source_t* data = zip_source_buffer(archive, entry.content.data(), entry.content.size(), 0);
+            require(data != nullptr, "no data source");
+            index = zip_file_add(archive, entry.name.c_str(), data, ZIP_FL_ENC_UTF_8);
+            if (index < 0) zip_source_free(data);
+        }
+        require(index >= 0, std::string("cannot add ") + entry.name + ": " + zip_strerror(archive));
+        const auto at = static_cast<zip_uint64_t>(index);
+        require(zip_set_file_compression(archive, at, entry.method == Method::Stored ? ZIP_CM_STORE : ZIP_CM_DEFLATE,
+                                         0) == 0,
+                "cannot set the method");
+        require(zip_file_set_mtime(archive, at, entry.time, 0) == 0, "cannot set the time");
+    }
+    require(zip_close(archive) == 0, "cannot write");
+
+    std::string out;
+    zip_stat_t stat;
+    require(zip_source_open(buffer) == 0 && zip_source_stat(buffer, &stat) == 0, "cannot read back");
+    out.resize(stat.size);
+    require(zip_source_read(buffer, out.data(), stat.size) == static_cast<zip_int64_t>(stat.size), "short read back");
+    zip_source_close(buffer);
+    zip_source_free(buffer);
+    zip_error_fini(&error);
+    return out;
+}
+
+std::uint64_t getLittle(const std::string& bytes, std::uint64_t offset, int width) {
+    std::uint64_t value = 0;
+    for (int i = width - 1; i >= 0; --i) value = value << 8 | static_cast<unsigned char>(bytes.at(offset + i));
+    return value;
+}
+
+void putLittle(std::string& bytes, std::uint64_t offset, int width, std::uint64_t value) {
+    for (int i = 0; i < width; ++i) bytes.at(offset + i) = static_cast<char>(value >> (8 * i) & 0xFF);
+}
+
+Layout layoutOf(const std::string& archive) {
+    Layout layout{};
+    require(archive.size() >= kEndRecordSize, "too short");
+    layout.endRecord = archive.size() - kEndRecordSize;
+    require(archive.compare(layout.endRecord, 4, "PK\5\6") == 0, "no end record at the end");
+    layout.entries = getLittle(archive, layout.endRecord + 10, 2);
+    layout.directorySize = getLittle(archive, layout.endRecord + 12, 4);
+    layout.directoryOffset = getLittle(archive, layout.endRecord + 16, 4);
+    std::uint64_t at = layout.directoryOffset;
+    for (std::uint64_t i = 0; i < layout.entries; ++i) {
+        require(archive.compare(at, 4, "PK\1\2") == 0, "no directory record");
+        layout.directoryEntries.push_back(at);
+        layout.localHeaders.push_back(getLittle(archive, at + 42, 4));
+        at += 46 + getLittle(archive, at + 28, 2) + getLittle(archive, at + 30, 2) + getLittle(archive, at + 32, 2);
+    }
+    return layout;
+}
+
+std::string withDeclaredSize(std::string archive, std::size_t entry, std::uint32_t size) {
+    const Layout layout = layoutOf(archive);
+    putLittle(archive, layout.directoryEntries.at(entry) + 24, 4, size);
+    putLittle(archive, layout.localHeaders.at(entry) + 22, 4, size);
+    return archive;
+}
+
+std::string withMethod(std::string archive, std::size_t entry, std::uint16_t method) {
+    const Layout layout = layoutOf(archive);
+    putLittle(archive, layout.directoryEntries.at(entry) + 10, 2, method);
+    putLittle(archive, layout.localHeaders.at(entry) + 8, 2, method);
+    return archive;
+}
+
+std::string withFlags(std::string archive, std::size_t entry, std::uint16_t flags) {
+    const Layout layout = layoutOf(archive);
+    putLittle(archive, layout.directoryEntries.at(entry) + 8, 2, flags);
+    putLittle(archive, layout.localHeaders.at(entry) + 6, 2, flags);
+    return archive;
+}
+
+std::string replaced(std::string archive, const std::string& from, const std::string& to) {
+    require(from.size() == to.size(), "replacement of another length");
+    for (std::size_t at = archive.find(from); at != std::string::npos; at = archive.find(from, at + to.size())) {
+        archive.replace(at, from.size(), to);
+    }
+    return archive;
+}
+
+std::string withRepeatedEntry(const std::string& archive, std::size_t copies) {
+    const Layout layout = layoutOf(archive);
+    const std::uint64_t first = layout.directoryEntries.at(0);
+    const std::uint64_t end = layout.entries > 1 ? layout.directoryEntries.at(1) : layout.endRecord;
+    const std::string record = archive.substr(first, end - first);
+    std::string out = archive.substr(0, layout.directoryOffset);
+    for (std::size_t i = 0; i < copies; ++i) out += record;
+    std::string endRecord = archive.substr(layout.endRecord);
+    putLittle(endRecord, 8, 2, copies);
+    putLittle(endRecord, 10, 2, copies);
+    putLittle(endRecord, 12, 4, record.size() * copies);
+    return out + endRecord;
+}
+
+std::string withZip64Count(const std::string& archive, std::uint64_t entries) {
+    const Layout layout = layoutOf(archive);
+    std::string out = archive.substr(0, layout.endRecord);
+    const std::uint64_t record64 = out.size();
+    std::string end64(56, '\0');
+    end64.replace(0, 4, "PK\6\6");
+    putLittle(end64, 4, 8, 44);
+    putLittle(end64, 12, 2, 45);
+    putLittle(end64, 14, 2, 45);
+    putLittle(end64, 24, 8, entries);
+    putLittle(end64, 32, 8, entries);
+    putLittle(end64, 40, 8, layout.directorySize);
+    putLittle(end64, 48, 8, layout.directoryOffset);
+    std::string locator(20, '\0');
+    locator.replace(0, 4, "PK\6\7");
+    putLittle(locator, 8, 8, record64);
+    putLittle(locator, 16, 4, 1);
+    std::string endRecord = archive.substr(layout.endRecord);
+    putLittle(endRecord, 8, 2, 0xFFFF);
+    putLittle(endRecord, 10, 2, 0xFFFF);
+    putLittle(endRecord, 12, 4, 0xFFFFFFFF);
+    putLittle(endRecord, 16, 4, 0xFFFFFFFF);
+    return out + end64 + locator + endRecord;
+}
+
+void put(const IProvider& provider, const StorageIRI& location, const std::string& bytes) {
+    if (location.hasParent() && !provider.folderExists(location.getParent())) {
+        provider.createFolderRecursive(location.getParent());
+    }
+    auto stream = provider.openStream(location, ByteStreamOpenOptions{ByteStreamAccess::ReadWrite,
+                                                                      ByteStreamCreate::Create,
+                                                                      ByteStreamTruncate::TruncateExisting,
+                                                                      ByteStreamAppend::Overwrite});
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+        const long n = stream->write(bytes.data() + done, static_cast<long>(bytes.size() - done));
+        require(n > 0, "cannot store");
+        done += static_cast<std::size_t>(n);
+    }
+    stream->close();
+}
+
+std::string readAll(ByteStream& stream) {
+    std::string content;
+    char buffer[8192];
+    for (long n; (n = stream.read(buffer, sizeof buffer)) != -1;) content.append(buffer, static_cast<std::size_t>(n));
+    return content;
+}
+
+std::string readAll(const IProvider& provider, const StorageIRI& location) {
+    auto stream = provider.openReadOnlyStream(location);
+    std::string content = readAll(*stream);
+    stream->close();
+    return content;
+}
+
+std::string sampleText(std::size_t size, unsigned seed) {
+    static const char* const words[] = {"storage ", "archive ", "entry ", "folder ", "zip ", "stream ",
+                                        "seek ",    "inflate ", "bytes ", "name\n", "deflate ", "index "};
+    std::string text;
+    text.reserve(size + 16);
+    unsigned state = seed;
+    while (text.size() < size) {
+        state = state * 1103515245U + 12345U;
+        text += words[(state >> 16) % 12];
+        if ((state >> 8) % 7 == 0) text += std::to_string(state % 1000);
+    }
+    text.resize(size);
+    return text;
+}
+
+std::vector<std::string> namesOf(std::unique_ptr<IFolderEntryIterator> listing) {
+    std::vector<std::string> names;
+    while (listing->hasNext()) {
+        listing->next();
+        const FolderEntry entry = listing->get();
+        names.push_back(fl::i18n::to_string(entry.getName()) + (entry.isFile() ? "" : "/"));
+    }
+    return names;
+}
+
+StorageIRI zipLocation(const StorageIRI& inner, const std::string& path) {
+    return StorageIRI(u"zip:" + inner.toString() + u"!" + fl::i18n::to_ustring(path));
+}
+
+StorageIRI InMemory::at(const std::string& path) const { return zipLocation(container.getLocation(), path); }
+
+InMemory inMemory(const std::string& archive, const std::string& name) {
+    std::shared_ptr<IProvider> store = memory::makeMemoryProvider();
+    const StorageIRI location(u"mem:///" + fl::i18n::to_ustring(name));
+    put(*store, location, archive);
+    StorageItem container(store, location);
+    auto provider = std::make_shared<ZipProvider>(container);
+    return InMemory{store, container, provider};
+}
+
+TempFolder::TempFolder() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "qkfl-zip-XXXXXX").string();
+    require(::mkdtemp(pattern.data()) != nullptr, "no temporary folder");
+    path_ = pattern;
+}
+
+TempFolder::~TempFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+StorageIRI TempFolder::location(const std::string& relative) const {
+    return StorageIRI(u"file://" + fl::i18n::to_ustring(path_ + "/" + relative));
+}
+
+}  // namespace foundation::storage::provider::zip::ziptest

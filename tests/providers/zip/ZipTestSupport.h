@@ -1,0 +1,114 @@
+#pragma once
+
+// Archives for the zip provider's tests, made by the tests themselves: well-formed ones
+// written by libzip into memory, and damaged or malicious ones derived from them byte by byte.
+
+#include <cstdint>
+#include <ctime>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "storage/provider/IProvider.h"
+#include "storage/provider/StorageItem.h"
+#include "storage/provider/zip/ZipProvider.h"
+
+namespace foundation::storage::provider::zip::ziptest {
+
+// An even number of seconds: zip times have a resolution of two seconds.
+constexpr std::time_t kTime = 1'700'000'000;
+
+enum class Method { Stored, Deflated };
+
+// A zip archive written by libzip into memory, entries in the order they were added.
+class ZipBuilder {
+public:
+    ZipBuilder& file(const std::string& name, const std::string& content, Method method = Method::Deflated,
+                     std::time_t time = kTime);
+    // `name` ends with '/'.
+    ZipBuilder& folder(const std::string& name, std::time_t time = kTime);
+    std::string bytes() const;
+
+private:
+    struct Entry {
+        std::string name;
+        std::string content;
+        Method method;
+        std::time_t time;
+        bool folder;
+    };
+    std::vector<Entry> entries_;
+};
+
+// Where the records of a well-formed archive (one disk, no zip64, no comment) lie.
+struct Layout {
+    std::uint64_t directoryOffset;
+    std::uint64_t directorySize;
+    std::uint64_t entries;
+    std::uint64_t endRecord;                    // offset of the end of central directory record
+    std::vector<std::uint64_t> directoryEntries;  // offset of each central directory record
+    std::vector<std::uint64_t> localHeaders;      // offset of each local header
+};
+Layout layoutOf(const std::string& archive);
+
+std::uint64_t getLittle(const std::string& bytes, std::uint64_t offset, int width);
+void putLittle(std::string& bytes, std::uint64_t offset, int width, std::uint64_t value);
+
+// Sets the declared (uncompressed) size of entry `entry`, in its local and central records.
+std::string withDeclaredSize(std::string archive, std::size_t entry, std::uint32_t size);
+// Sets the compression method of entry `entry` in both records.
+std::string withMethod(std::string archive, std::size_t entry, std::uint16_t method);
+// Sets the general purpose flags of entry `entry` in both records.
+std::string withFlags(std::string archive, std::size_t entry, std::uint16_t flags);
+// Replaces the bytes `from` by `to` (same length) wherever they occur.
+std::string replaced(std::string archive, const std::string& from, const std::string& to);
+// The archive with its central directory record of entry 0 repeated `copies` times, so that
+// every copy names the same data.
+std::string withRepeatedEntry(const std::string& archive, std::size_t copies);
+// The archive re-ended with zip64 end records that declare `entries` entries in its
+// directory (which still holds what it held).
+std::string withZip64Count(const std::string& archive, std::uint64_t entries);
+
+// Stores `bytes` as the file `location` of `provider` (created or replaced; folders on the
+// way are created).
+void put(const IProvider& provider, const StorageIRI& location, const std::string& bytes);
+// Reads a whole stream, or a whole file through openReadOnlyStream.
+std::string readAll(ByteStream& stream);
+std::string readAll(const IProvider& provider, const StorageIRI& location);
+
+// Text of test data: deterministic, compressible but not trivially.
+std::string sampleText(std::size_t size, unsigned seed = 1);
+
+// The entries of a listing: name, then "/" for a folder.
+std::vector<std::string> namesOf(std::unique_ptr<IFolderEntryIterator> listing);
+
+// A memory store holding the archive at 'mem:///<name>', and a zip provider on it.
+struct InMemory {
+    std::shared_ptr<IProvider> store;
+    StorageItem container;
+    std::shared_ptr<ZipProvider> provider;
+    // The location of `path` in the archive ('/a/b').
+    StorageIRI at(const std::string& path) const;
+};
+InMemory inMemory(const std::string& archive, const std::string& name = "t.zip");
+
+// 'zip:' + inner + '!' + path.
+StorageIRI zipLocation(const StorageIRI& inner, const std::string& path);
+
+// A fresh folder under the system's temporary folder, removed with its content.
+class TempFolder {
+public:
+    TempFolder();
+    TempFolder(const TempFolder&) = delete;
+    TempFolder& operator=(const TempFolder&) = delete;
+    ~TempFolder();
+
+    const std::string& path() const { return path_; }
+    // 'file://' + the path of `relative` in the folder.
+    StorageIRI location(const std::string& relative) const;
+
+private:
+    std::string path_;
+};
+
+}  // namespace foundation::storage::provider::zip::ziptest
