@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 
 #include "Commands.h"
+#include "Listing.h"
 #include "Progress.h"
 #include "Text.h"
 #include "storage/provider/Exception.h"
@@ -31,18 +32,6 @@ using sp::StorageItem;
 }
 
 ExistenceType existence(const StorageItem& item) { return item.getProvider()->exists(item.getLocation()); }
-
-std::vector<FolderEntry> drain(std::unique_ptr<sp::IFolderEntryIterator> it) {
-    std::vector<FolderEntry> entries;
-    if (const auto hint = it->remainingHint()) entries.reserve(*hint);
-    while (it->hasNext()) {
-        it->next();
-        entries.push_back(it->get());
-    }
-    std::sort(entries.begin(), entries.end(),
-              [](const FolderEntry& a, const FolderEntry& b) { return a.getName() < b.getName(); });
-    return entries;
-}
 
 // "d", then one letter per flag: writable, hidden, symbolic link.
 template <class Attributes>
@@ -112,15 +101,9 @@ int runLs(const ProviderRegistry& registry, const LsOptions& o) {
         case ExistenceType::AsFile:
             entries.emplace_back(item.getName(), item.getFileAttributes());
             break;
-        case ExistenceType::AsFolder: {
-            const std::u16string wildcard = utf16(o.match);
-            if (o.recursive) {
-                entries = drain(o.namesOnly ? item.listAllRecursiveNamesOnly(wildcard) : item.listAllRecursive(wildcard));
-            } else {
-                entries = drain(o.namesOnly ? item.listAllNamesOnly(wildcard) : item.listAll(wildcard));
-            }
+        case ExistenceType::AsFolder:
+            entries = listFolder(item, o);
             break;
-        }
         default:
             fail(ErrorCode::ResourceNotFound, item);
     }
