@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -65,10 +64,7 @@ protected:
         fs::create_directories(fs::path(path(name)).parent_path());
         std::ofstream(path(name), std::ios::binary) << content;
     }
-    std::string read(const std::string& name) const {
-        std::ifstream in(path(name), std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    }
+    std::string read(const std::string& name) const { return slurpFile(path(name)); }
     // Scratch files of transactional writes: ".<uuid>.tmp.bak".
     std::vector<std::string> scratchFiles() const {
         std::vector<std::string> found;
@@ -158,6 +154,7 @@ TEST_F(QkflCli, FailuresPrintOneLineAndExitOne) {
     fails({"rm", "full"}, "qkfl: rm: " + iri("full") + ": ErrorCode::FolderNotEmpty");
     fails({"cp", "-n", "a.txt", "full/x"}, "qkfl: cp: " + iri("full/x") + ": ErrorCode::ResourceAlreadyExists");
     fails({"cp", "full", "copy"}, "qkfl: cp: " + iri("full") + ": ErrorCode::InvalidLocation: a folder: cp copies files");
+    fails({"cp", "a.txt", "."}, "qkfl: cp: " + iri("a.txt") + ": ErrorCode::InvalidLocation: the source itself");
     fails({"ls", "http://example.com/"},
           "qkfl: ls: http://example.com/: ErrorCode::InvalidLocation: no provider for the scheme 'http'");
     fails({"mkdir", "zip:" + iri("a.zip") + "!/new"},
@@ -174,6 +171,7 @@ TEST_F(QkflCli, FailuresPrintOneLineAndExitOne) {
     EXPECT_EQ(std::count(unparsable.err.begin(), unparsable.err.end(), '\n'), 1);
 
     EXPECT_EQ(read("full/x"), "x");
+    EXPECT_EQ(read("a.txt"), "A");
     EXPECT_FALSE(fs::exists(path("copy")));
 }
 

@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -19,6 +18,16 @@
 extern char** environ;
 
 namespace qkfl::testing {
+
+std::string slurpFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::string content;
+    char buffer[65536];
+    while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
+        content.append(buffer, static_cast<std::size_t>(in.gcount()));
+    }
+    return content;
+}
 
 namespace {
 
@@ -31,11 +40,7 @@ std::string temporaryFile() {
 }
 
 std::string slurpAndRemove(const std::string& path) {
-    std::string content;
-    {
-        std::ifstream in(path, std::ios::binary);
-        content.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
+    std::string content = slurpFile(path);
     std::filesystem::remove(path);
     return content;
 }

@@ -55,6 +55,10 @@ private:
     std::vector<std::string> lines_;
 };
 
+// The whole content of a file ("" when it cannot be read). Not through istreambuf_iterator,
+// which trips -Wnull-dereference in optimised builds.
+std::string slurpFile(const std::string& path);
+
 // Polls `condition` every few milliseconds until it holds or the deadline passes.
 bool eventually(const std::function<bool()>& condition, Deadline deadline);
 

@@ -6,8 +6,6 @@
 #include <condition_variable>
 #include <deque>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <mutex>
 #include <stdexcept>
 #include <system_error>
@@ -153,11 +151,6 @@ std::string readFile(const StorageItem& file) {
     return content;
 }
 
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
 #endif
 
 }  // namespace
@@ -202,7 +195,7 @@ int runDemo(const ProviderRegistry& registry) {
         inner.close();
         ZipWriter outer(scratch.path() + "/outer.zip");
         outer.add("README.txt", "A zip with a zip inside.\n");
-        outer.add("archives/inner.zip", slurp(innerPath), true);
+        outer.add("archives/inner.zip", readFile(StorageItem(root, std::u16string(u"inner.zip"))), true);
         outer.close();
         StorageItem(root, std::u16string(u"inner.zip")).removeFile();
     }

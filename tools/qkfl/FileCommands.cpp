@@ -177,6 +177,10 @@ int runCp(const ProviderRegistry& registry, const CopyOptions& options) {
     const StorageItem source = registry.itemFor(options.source);
     const StorageItem target = destination(source, registry.itemFor(options.target));
     if (source.folderExists()) fail(ErrorCode::InvalidLocation, source, u"a folder: cp copies files");
+    // A plain copy onto its own source would truncate what it is about to read.
+    if (source.hasSameProviderInstance(target) && source.getCanonicalLocation() == target.getCanonicalLocation()) {
+        fail(ErrorCode::InvalidLocation, target, u"the source itself");
+    }
     return copyOne(source, target, options, "cp");
 }
 

@@ -35,9 +35,14 @@ Exit status: 0 done, 1 failed (one line: qkfl: COMMAND: LOCATION: ErrorCode::...
 
 constexpr const char* kKindNames = "FolderChanged, FolderVanished, EntryAdded, EntryModified, EntryRemoved";
 
+// "qkfl: COMMAND: LOCATION: MESSAGE", or without the location when there is none.
 void printFailure(const std::string& command, const std::string& location, const std::string& message) {
     std::fflush(stdout);
-    fmt::print(stderr, "qkfl: {}: {}: {}\n", command, location, message);
+    if (location.empty()) {
+        fmt::print(stderr, "qkfl: {}: {}\n", command, message);
+    } else {
+        fmt::print(stderr, "qkfl: {}: {}: {}\n", command, location, message);
+    }
 }
 
 std::string describe(sp::ErrorCode code, const std::u16string& contexts) {
@@ -241,7 +246,7 @@ int main(int argc, char** argv) {
         for (const std::string& kind : watchKinds) watch.kinds.push_back(*parseKind(kind));
         return run("watch", watch.folder, [&] { return runWatch(registry, watch); });
     }
-    if (*demoCmd) return run("demo", "demo", [&] { return runDemo(registry); });
+    if (*demoCmd) return run("demo", {}, [&] { return runDemo(registry); });
 
     // No command: the overview.
     std::cout << app.help();
