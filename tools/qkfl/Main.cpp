@@ -91,14 +91,14 @@ std::string usageFailure(const CLI::App* app, const CLI::Error& e) {
         failed = failed->get_subcommands().front();
         name += " " + failed->get_name();
     }
-    std::string text = fmt::format("qkfl: {}{}\n", failed == app ? "" : failed->get_name() + ": ", e.what());
-    text += CLI::Formatter().make_usage(failed, name);
+    std::string message = fmt::format("qkfl: {}{}\n", failed == app ? "" : failed->get_name() + ": ", e.what());
+    message += CLI::Formatter().make_usage(failed, name);
     if (failed == app) {
         std::string commands;
         for (const CLI::App* command : app->get_subcommands({})) commands += " " + command->get_name();
-        text += "Commands:" + commands + "\n";
+        message += "Commands:" + commands + "\n";
     }
-    return text + fmt::format("Run '{} --help' for more.\n", name);
+    return message + fmt::format("Run '{} --help' for more.\n", name);
 }
 
 }  // namespace
