@@ -34,6 +34,8 @@ public:
     // Wakes the thread at once and joins it.
     ~PollingChangeEventsDetector();
 
+    // Launches the polling thread, as the constructor does; does nothing while it runs.
+    // Throws std::system_error "thread constructor failed".
     void start();
     // Registers a folder and builds its first snapshot under the detector's mutex. A folder
     // already registered keeps its first registration. Throws what the first snapshot throws;
