@@ -4,7 +4,7 @@
 # where they are not installed (Debian's libzip-dev without libzip-tools), so the library and
 # its headers are looked up directly. Sets libzip_FOUND and libzip_VERSION.
 find_path(libzip_INCLUDE_DIR zip.h)
-find_path(libzip_CONF_INCLUDE_DIR zipconf.h HINTS ${libzip_INCLUDE_DIR} PATH_SUFFIXES ../lib/libzip/include)
+find_path(libzip_CONF_INCLUDE_DIR zipconf.h HINTS ${libzip_INCLUDE_DIR})
 find_library(libzip_LIBRARY zip)
 
 if(libzip_CONF_INCLUDE_DIR AND EXISTS ${libzip_CONF_INCLUDE_DIR}/zipconf.h)

@@ -29,6 +29,13 @@ void checkPlausible(const zip_stat_t& stat, std::uint64_t archiveSize, const Zip
     if (stat.size > ceiling) throw std::runtime_error("an entry declares an implausible size");
 }
 
+// The tree while it is built: names of their own, children in the order met.
+struct Draft {
+    fl::ustring name;
+    std::vector<std::uint32_t> children;
+    Node node;
+};
+
 }  // namespace
 
 Index::Index(::zip* archive, std::uint64_t archiveSize, const boost::posix_time::ptime& containerTime,
@@ -37,13 +44,26 @@ Index::Index(::zip* archive, std::uint64_t archiveSize, const boost::posix_time:
     if (count < 0 || static_cast<std::uint64_t>(count) > limits.maxEntries) {
         throw std::runtime_error("implausible number of entries");
     }
-    nodes_.reserve(static_cast<std::size_t>(count) + 1);
-    nodes_.emplace_back().folder = true;
-    nodes_.front().lastModified = containerTime;
+    // Every entry, and every folder the entries imply, is a node: both kinds are limited.
+    const std::uint64_t maxNodes =
+        std::min<std::uint64_t>(static_cast<std::uint64_t>(count) + limits.maxEntries + 1,
+                                std::numeric_limits<std::uint32_t>::max());
 
-    // Path ("a/b") of every node but the root, while the tree is being built.
-    std::unordered_map<fl::ustring, std::uint32_t> byPath;
-    byPath.reserve(static_cast<std::size_t>(count));
+    std::vector<Draft> drafts;
+    drafts.reserve(static_cast<std::size_t>(count) + 1);
+    drafts.emplace_back().node.folder = true;
+    drafts.front().node.lastModified = containerTime;
+    // Every node but the root by its parent and name, while the tree is being built (keyed
+    // by the parent, not the whole path, so that deep names cost no more than their length).
+    std::unordered_map<fl::ustring, std::uint32_t> byParentAndName;
+    byParentAndName.reserve(static_cast<std::size_t>(count));
+    auto key = [](std::uint32_t parent, const fl::ustring& name) {
+        fl::ustring text;
+        text.reserve(name.size() + 2);
+        text.push_back(static_cast<char16_t>(parent >> 16));
+        text.push_back(static_cast<char16_t>(parent & 0xFFFF));
+        return text.append(name);
+    };
     std::uint64_t compressedTotal = 0;
 
     for (zip_int64_t i = 0; i < count; ++i) {
@@ -60,53 +80,67 @@ Index::Index(::zip* archive, std::uint64_t archiveSize, const boost::posix_time:
         const fl::ustring name = fl::i18n::to_ustring(stat.name);
         const bool folder = namesFolder(name);
         const std::vector<fl::ustring> elements = pathElements(name);
-        if (elements.empty()) continue;  // the root itself
 
         std::uint32_t parent = kRoot;
-        fl::ustring path;
-        bool blocked = false;
-        for (std::size_t e = 0; e < elements.size() && !blocked; ++e) {
-            if (!path.empty()) path += u'/';
-            path += elements[e];
+        for (std::size_t e = 0; e < elements.size(); ++e) {
             const bool last = e + 1 == elements.size();
-            const auto found = byPath.find(path);
-            if (found != byPath.end()) {
-                Node& existing = nodes_[found->second];
-                if (!existing.folder) {
-                    blocked = true;  // a file already holds this path
-                } else if (last) {
-                    // A folder's own entry gives it a time; a file cannot take a folder's place.
-                    if (folder && existing.entry == Node::kNoEntry) {
-                        existing.entry = static_cast<std::uint64_t>(i);
-                        existing.lastModified = boost::posix_time::from_time_t(stat.mtime);
-                    }
-                } else {
+            fl::ustring here = key(parent, elements[e]);
+            const auto found = byParentAndName.find(here);
+            if (found != byParentAndName.end()) {
+                Node& existing = drafts[found->second].node;
+                if (!existing.folder) break;  // a file holds this path: the entry cannot be reached
+                if (!last) {
                     parent = found->second;
+                } else if (folder && existing.entry == Node::kNoEntry) {
+                    // A folder's own entry gives it a time; a file cannot take a folder's place.
+                    existing.entry = static_cast<std::uint64_t>(i);
+                    existing.lastModified = boost::posix_time::from_time_t(stat.mtime);
                 }
                 continue;
             }
-            const auto id = static_cast<std::uint32_t>(nodes_.size());
-            Node& node = nodes_.emplace_back();
-            node.name = elements[e];
+            if (drafts.size() >= maxNodes) throw std::runtime_error("too many implied folders");
+            const auto id = static_cast<std::uint32_t>(drafts.size());
+            Draft& draft = drafts.emplace_back();
+            draft.name = elements[e];
+            Node& node = draft.node;
             if (last) {
                 node.folder = folder;
                 node.entry = static_cast<std::uint64_t>(i);
                 node.size = folder ? 0 : stat.size;
-                node.stored = stat.comp_method == ZIP_CM_STORE && stat.encryption_method == ZIP_EM_NONE;
+                node.stored = !folder && stat.comp_method == ZIP_CM_STORE && stat.encryption_method == ZIP_EM_NONE;
                 node.lastModified = boost::posix_time::from_time_t(stat.mtime);
             } else {
                 node.folder = true;
                 node.lastModified = containerTime;
             }
-            nodes_[parent].children.push_back(id);
-            byPath.emplace(path, id);
+            drafts[parent].children.push_back(id);
+            byParentAndName.emplace(std::move(here), id);
             parent = id;
         }
     }
+    byParentAndName = {};
 
-    for (Node& node : nodes_) {
-        std::sort(node.children.begin(), node.children.end(),
-                  [this](std::uint32_t a, std::uint32_t b) { return nodes_[a].name < nodes_[b].name; });
+    // Lay the tree out breadth first, each folder's children together and sorted, names in
+    // the same order in one pool.
+    std::size_t nameSize = 0;
+    for (const Draft& draft : drafts) nameSize += draft.name.size();
+    names_.reserve(nameSize);
+    nodes_.reserve(drafts.size());
+    std::vector<std::uint32_t> order{kRoot};  // draft ids in their final order
+    order.reserve(drafts.size());
+    for (std::size_t at = 0; at < order.size(); ++at) {
+        Draft& draft = drafts[order[at]];
+        Node node = draft.node;
+        node.nameOffset = names_.size();
+        node.nameLength = static_cast<std::uint32_t>(draft.name.size());
+        names_ += draft.name;
+        std::sort(draft.children.begin(), draft.children.end(),
+                  [&](std::uint32_t a, std::uint32_t b) { return drafts[a].name < drafts[b].name; });
+        node.firstChild = static_cast<std::uint32_t>(order.size());
+        node.childCount = static_cast<std::uint32_t>(draft.children.size());
+        order.insert(order.end(), draft.children.begin(), draft.children.end());
+        draft = Draft{};
+        nodes_.push_back(node);
     }
 }
 
@@ -115,12 +149,13 @@ Index::Lookup Index::find(fl::ustring_view path) const {
     for (const fl::ustring& element : pathElements(path)) {
         const Node& folder = nodes_[current];
         if (!folder.folder) return {Outcome::ThroughFile, 0};
-        const auto it = std::lower_bound(folder.children.begin(), folder.children.end(), element,
-                                         [this](std::uint32_t id, const fl::ustring& name) {
-                                             return nodes_[id].name < name;
-                                         });
-        if (it == folder.children.end() || nodes_[*it].name != element) return {Outcome::Missing, 0};
-        current = *it;
+        const auto first = nodes_.begin() + folder.firstChild;
+        const auto last = first + folder.childCount;
+        const auto it = std::lower_bound(first, last, element, [this](const Node& node, const fl::ustring& wanted) {
+            return name(node) < fl::ustring_view(wanted);
+        });
+        if (it == last || name(*it) != fl::ustring_view(element)) return {Outcome::Missing, 0};
+        current = static_cast<std::uint32_t>(it - nodes_.begin());
     }
     return {Outcome::Found, current};
 }

@@ -13,17 +13,21 @@ struct zip;
 
 namespace foundation::storage::provider::zip::detail {
 
-// One file or folder of an archive's tree.
+// One file or folder of an archive's tree. The children of a folder are the nodes
+// [firstChild, firstChild + childCount), sorted by name, so a listing reads the index in
+// order.
 struct Node {
     static constexpr std::uint64_t kNoEntry = ~std::uint64_t{0};
 
-    fl::ustring name;                         // one path element; empty for the root
-    std::uint64_t size = 0;                   // declared size of a file
-    boost::posix_time::ptime lastModified;
-    std::uint64_t entry = kNoEntry;           // index in the archive's directory, if any
-    std::vector<std::uint32_t> children;      // of a folder, sorted by name
+    std::size_t nameOffset = 0;  // in the index's name pool
+    std::uint32_t nameLength = 0;
+    std::uint32_t firstChild = 0;
+    std::uint32_t childCount = 0;
     bool folder = false;
-    bool stored = false;                      // a file kept as it is: seekable in place
+    bool stored = false;             // a file kept as it is: seekable in place
+    std::uint64_t size = 0;          // declared size of a file
+    std::uint64_t entry = kNoEntry;  // index in the archive's directory, if any
+    boost::posix_time::ptime lastModified;
 };
 
 // The tree of an archive's entries, built once from its directory and never changed.
@@ -38,17 +42,20 @@ public:
     };
 
     // Reads every entry of `archive`. Folders without an entry of their own take
-    // `containerTime`. Throws std::runtime_error when an entry's declared sizes break
-    // `limits` or the entries together claim more bytes than `archiveSize` holds.
+    // `containerTime`. Throws std::runtime_error when the entries break `limits` (their
+    // declared sizes, or more implied folders than maxEntries) or together claim more bytes
+    // than `archiveSize` holds.
     Index(::zip* archive, std::uint64_t archiveSize, const boost::posix_time::ptime& containerTime,
           const ZipLimits& limits);
 
     // The node at a decoded path ('/a/b'), confined to the archive as pathElements does.
     Lookup find(fl::ustring_view path) const;
     const Node& node(std::uint32_t id) const { return nodes_[id]; }
+    fl::ustring_view name(const Node& node) const { return {names_.data() + node.nameOffset, node.nameLength}; }
 
 private:
     std::vector<Node> nodes_;
+    fl::ustring names_;
 };
 
 }  // namespace foundation::storage::provider::zip::detail

@@ -10,12 +10,15 @@ class Listing : public IFolderEntryIterator {
 public:
     Listing(std::shared_ptr<const Archive> archive, std::uint32_t folder, ListingRequest request)
         : archive_(std::move(archive)), index_(archive_->index()), request_(std::move(request)) {
-        frames_.push_back({folder, 0, {}});
+        const Node& node = index_.node(folder);
+        frames_.push_back({node.firstChild, node.firstChild + node.childCount, 0});
     }
 
     FolderEntry get() const override {
         const Node& node = index_.node(current_);
-        fl::ustring name = prefix_.empty() ? node.name : prefix_ + node.name;
+        fl::ustring name;
+        name.reserve(prefix_.size() + node.nameLength);
+        name.append(prefix_).append(index_.name(node));
         if (request_.namesOnly) {
             return FolderEntry(std::move(name), node.folder ? FolderEntry::EntryType::Folder : FolderEntry::EntryType::File);
         }
@@ -38,16 +41,16 @@ public:
             return std::nullopt;
         }
         if (frames_.empty()) return 0;
-        const Frame& frame = frames_.front();
-        const std::size_t remaining = index_.node(frame.folder).children.size() - frame.position;
+        const std::size_t remaining = frames_.front().end - frames_.front().next;
         return pending_ && *pending_ ? remaining + 1 : remaining;
     }
 
 private:
+    // A folder being walked: its children [next, end), and how long prefix_ was above it.
     struct Frame {
-        std::uint32_t folder;
-        std::size_t position;      // next child to look at
-        fl::ustring prefix;        // path of the folder relative to the listed one, with '/'
+        std::uint32_t next;
+        std::uint32_t end;
+        std::size_t prefixLength;
     };
 
     bool selected(const Node& node) const {
@@ -55,32 +58,32 @@ private:
             node.folder != (request_.select == ListingRequest::Select::Folders)) {
             return false;
         }
-        return !request_.wildcard || request_.wildcard->matches(node.name);
+        return !request_.wildcard || request_.wildcard->matches(index_.name(node));
     }
 
     // Moves current_ to the next entry to yield; false at the end. In a recursive listing a
-    // folder is entered right after it has been considered, whether it was selected or not.
+    // folder is entered right after it has been considered, whether it was selected or not;
+    // prefix_ then holds the path of the folder of current_, relative to the listed one.
     bool advance() {
-        while (!frames_.empty()) {
+        for (;;) {
+            if (enterCurrent_) {
+                enterCurrent_ = false;
+                const Node& folder = index_.node(current_);
+                frames_.push_back({folder.firstChild, folder.firstChild + folder.childCount, prefix_.size()});
+                prefix_.append(index_.name(folder)).push_back(u'/');
+            }
+            if (frames_.empty()) return false;
             Frame& frame = frames_.back();
-            const Node& folder = index_.node(frame.folder);
-            if (frame.position == folder.children.size()) {
+            if (frame.next == frame.end) {
+                prefix_.resize(frame.prefixLength);
                 frames_.pop_back();
                 continue;
             }
-            const std::uint32_t child = folder.children[frame.position++];
-            const Node& node = index_.node(child);
-            fl::ustring prefix = frame.prefix;
-            if (request_.recursive && node.folder) {
-                frames_.push_back({child, 0, prefix + node.name + u'/'});
-            }
-            if (selected(node)) {
-                current_ = child;
-                prefix_ = std::move(prefix);
-                return true;
-            }
+            current_ = frame.next++;
+            const Node& node = index_.node(current_);
+            enterCurrent_ = request_.recursive && node.folder && node.childCount > 0;
+            if (selected(node)) return true;
         }
-        return false;
     }
 
     std::shared_ptr<const Archive> archive_;
@@ -88,6 +91,7 @@ private:
     ListingRequest request_;
     std::vector<Frame> frames_;
     std::uint32_t current_ = 0;
+    bool enterCurrent_ = false;    // current_ is a folder whose content comes next
     fl::ustring prefix_;
     std::optional<bool> pending_;  // the outcome of an advance made by hasNext()
 };

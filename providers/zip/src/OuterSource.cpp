@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <limits>
 
 namespace foundation::storage::provider::zip::detail {
@@ -20,10 +21,39 @@ zip_source_t* OuterSource::adopt(std::unique_ptr<OuterSource> source, zip_error_
 }
 
 std::uint64_t OuterSource::readAt(std::uint64_t offset, char* buffer, std::uint64_t count) {
-    constexpr std::uint64_t kLargest = static_cast<std::uint64_t>(std::numeric_limits<long>::max());
+    std::uint64_t done = 0;
+    while (done < count) {
+        const std::uint64_t at = offset + done;
+        if (at >= bufferStart_ && at - bufferStart_ < buffered_.size()) {
+            const std::uint64_t n = std::min(count - done, buffered_.size() - (at - bufferStart_));
+            std::memcpy(buffer + done, buffered_.data() + (at - bufferStart_), n);
+            done += n;
+            continue;
+        }
+        if (count - done >= kBufferSize) {
+            const std::uint64_t n = readStream(at, buffer + done, count - done);
+            done += n;
+            if (done < count) break;
+            continue;
+        }
+        buffered_.resize(kBufferSize);
+        bufferStart_ = at;
+        try {
+            buffered_.resize(readStream(at, buffered_.data(), kBufferSize));
+        } catch (...) {
+            buffered_.clear();
+            throw;
+        }
+        if (buffered_.empty()) break;
+    }
+    return done;
+}
+
+std::uint64_t OuterSource::readStream(std::uint64_t offset, char* buffer, std::uint64_t count) {
+    constexpr auto kLargest = static_cast<std::uint64_t>(std::numeric_limits<long>::max());
     if (streamPosition_ != offset) {
         if (offset > kLargest) throw ByteStreamFailure(ErrorCode::IOError, "The archive position is out of range.");
-        streamPosition_ = ~std::uint64_t{0};
+        streamPosition_ = kUnknown;
         stream_->seek(static_cast<long>(offset), std::ios_base::beg);
         streamPosition_ = offset;
     }
@@ -101,7 +131,7 @@ zip_int64_t OuterSource::handle(void* data, zip_uint64_t length, zip_source_cmd_
     } catch (...) {
         // Nothing may unwind through libzip; the archive rethrows what it finds here.
         failure_ = std::current_exception();
-        streamPosition_ = ~std::uint64_t{0};
+        streamPosition_ = kUnknown;
         zip_error_set(&error_, ZIP_ER_READ, EIO);
         return -1;
     }

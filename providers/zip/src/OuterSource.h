@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <exception>
 #include <memory>
+#include <vector>
 
 #include "storage/provider/ByteStream.h"
 
@@ -23,7 +24,9 @@ public:
     // cannot create one.
     static zip_source_t* adopt(std::unique_ptr<OuterSource> source, zip_error_t* error);
 
-    // Reads up to `count` bytes at `offset`, fewer only at the stream's end.
+    // Reads up to `count` bytes at `offset`, fewer only at the stream's end. Small reads go
+    // through a buffer of kBufferSize bytes (libzip reads directories and compressed data in
+    // small pieces); large ones go straight to the stream.
     std::uint64_t readAt(std::uint64_t offset, char* buffer, std::uint64_t count);
 
     // The exception that made the last failing call fail, if the stream threw; cleared.
@@ -32,11 +35,17 @@ public:
 private:
     static zip_int64_t callback(void* state, void* data, zip_uint64_t length, zip_source_cmd_t command);
     zip_int64_t handle(void* data, zip_uint64_t length, zip_source_cmd_t command);
+    std::uint64_t readStream(std::uint64_t offset, char* buffer, std::uint64_t count);
+
+    static constexpr std::uint64_t kBufferSize = 64 * 1024;
+    static constexpr std::uint64_t kUnknown = ~std::uint64_t{0};
 
     std::unique_ptr<ByteStream> stream_;
     std::uint64_t size_;
-    std::uint64_t position_ = 0;                   // libzip's read position
-    std::uint64_t streamPosition_ = ~std::uint64_t{0};  // where stream_ is, when known
+    std::uint64_t position_ = 0;               // libzip's read position
+    std::uint64_t streamPosition_ = kUnknown;  // where stream_ is, when known
+    std::vector<char> buffered_;               // the bytes at bufferStart_
+    std::uint64_t bufferStart_ = 0;
     zip_error_t error_;
     std::exception_ptr failure_;
 };

@@ -250,21 +250,5 @@ TEST(ZipProvider, MissingContainersHoldNothing) {
     check("mem:///folder.zip", ErrorCode::InvalidLocation);
 }
 
-TEST(ZipProvider, IsReadOnly) {
-    const auto archive = ziptest::inMemory(ziptest::ZipBuilder().file("a.txt", "a").bytes());
-    const ZipProvider& zip = *archive.provider;
-    auto bad = [&](const std::function<void()>& action) {
-        StorageIRI reported = archive.at("/");
-        EXPECT_EQ(errorOf(action, &reported), ErrorCode::ReadOnlyProvider);
-        EXPECT_EQ(reported, archive.at("/a.txt"));
-    };
-    bad([&] { zip.removeFile(archive.at("/a.txt")); });
-    bad([&] { zip.openStream(archive.at("/a.txt"), ByteStreamOpenOptions{}); });
-    bad([&] { zip.copyFile(archive.at("/a.txt"), archive.at("/b.txt"), ReplacementPolicy::Overwrite); });
-    auto stream = zip.openReadOnlyStream(archive.at("/a.txt"));
-    EXPECT_THROW(stream->write("x", 1), ByteStreamWriteFailure);
-    EXPECT_EQ(readAll(zip, archive.at("/a.txt")), "a");
-}
-
 }  // namespace
 }  // namespace foundation::storage::provider::zip

@@ -98,6 +98,17 @@ TEST(ZipSafety, EntryNamesStayInsideTheArchive) {
     EXPECT_FALSE(zip.exists(archive.at("/../../etc/passwd")) == ExistenceType::AsFile);
 }
 
+TEST(ZipSafety, DeepNamesCostTheirLength) {
+    std::string deep;
+    for (int i = 0; i < 30000; ++i) deep += "d/";
+    const auto archive = ziptest::inMemory(ziptest::ZipBuilder().file(deep + "x.txt", "bottom").bytes());
+    const ZipProvider& zip = *archive.provider;
+    EXPECT_EQ(readAll(zip, archive.at("/" + deep + "x.txt")), "bottom");
+    EXPECT_EQ(namesOf(zip.listAllRecursive(archive.at("/"), u"nothing matches")), Names{});
+    EXPECT_EQ(namesOf(zip.listAllRecursive(archive.at("/" + deep.substr(0, deep.size() - 2)), u"*.txt")),
+              Names{"d/x.txt"});
+}
+
 TEST(ZipSafety, FirstClaimOnAPathWins) {
     // libzip refuses to write one name twice: the second name is patched afterwards.
     const auto archive = ziptest::inMemory(ziptest::replaced(ziptest::ZipBuilder()
@@ -149,6 +160,10 @@ TEST(ZipSafety, RefusesImplausibleArchives) {
     // More entries than allowed, and more than the directory can hold.
     refused(plain, "limit", ZipLimits{1, 1100});
     accepted(plain, ZipLimits{2, 1100});
+    // Folders that the entries imply count against the limit too.
+    const std::string implied = ziptest::ZipBuilder().file("a.txt", "a").file("b/c/d/e.txt", "e").bytes();
+    refused(implied, "implied folders", ZipLimits{2, 1100});
+    accepted(implied, ZipLimits{3, 1100});
     accepted(ziptest::withZip64Count(plain, 2));
     refused(ziptest::withZip64Count(plain, 3), "zip64 count");
 
