@@ -6,14 +6,21 @@ set -euo pipefail
 lib=$1 allowed=$2
 shift 2
 
-symbols=$(nm -D --defined-only --demangle --just-symbols "$lib")
+mangled=$(nm -D --defined-only --just-symbols "$lib")
+symbols=$(c++filt <<<"$mangled")
 if ! grep -q '^foundation::storage::provider::StorageItem::copyFile' <<<"$symbols"; then
   echo "no public symbols found in $lib: is it the library?" >&2
   exit 1
 fi
 
 status=0
-unexpected=$(grep -v -E -f <(grep -v -e '^#' -e '^$' "$allowed") <<<"$symbols" || true)
+# Each symbol as "mangled<TAB>demangled"; a pattern applies to one of the two columns.
+tab=$'\t'
+demangled_patterns=$(grep -v -e '^#' -e '^$' -e '^mangled ' "$allowed" | sed -E "s/^\\^/^[^${tab}]*${tab}/")
+mangled_patterns=$(grep '^mangled ' "$allowed" | sed -E 's/^mangled //')
+unexpected=$(paste <(printf '%s\n' "$mangled") <(printf '%s\n' "$symbols") \
+  | grep -v -E -f <(printf '%s\n' "$mangled_patterns") \
+  | grep -v -E -f <(printf '%s\n' "$demangled_patterns") | cut -f2 || true)
 if [ -n "$unexpected" ]; then
   echo "unexpected exports of $(basename "$lib"):"
   echo "$unexpected"
