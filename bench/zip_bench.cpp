@@ -118,7 +118,7 @@ const Archives& archives() {
 }
 
 std::shared_ptr<IProvider> zipOf(const std::string& name) {
-    return std::make_shared<zip::ZipProvider>(
+    return std::make_shared<foundation::storage::provider::zip::ZipProvider>(
         StorageItem(std::make_shared<local::LocalProvider>(), archives().location(name)));
 }
 

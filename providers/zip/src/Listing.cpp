@@ -17,8 +17,12 @@ public:
     FolderEntry get() const override {
         const Node& node = index_.node(current_);
         fl::ustring name;
-        name.reserve(prefix_.size() + node.nameLength);
-        name.append(prefix_).append(index_.name(node));
+        if (prefix_.empty()) {
+            name = index_.name(node);
+        } else {
+            name.reserve(prefix_.size() + node.nameLength);
+            name.append(prefix_).append(index_.name(node));
+        }
         if (request_.namesOnly) {
             return FolderEntry(std::move(name), node.folder ? FolderEntry::EntryType::Folder : FolderEntry::EntryType::File);
         }

@@ -19,7 +19,8 @@ using ziptest::Method;
 std::string archiveOf(const Tree& tree, Method method, bool folderEntries) {
     ziptest::ZipBuilder builder;
     if (folderEntries) builder.folder("work/");
-    for (const auto& [path, content] : tree) {
+    for (const auto& [item, content] : tree) {
+        const std::string& path = item;  // clang 14 cannot capture a structured binding
         const bool folder = path.back() == '/';
         if (!folder) {
             builder.file("work/" + path, content, method);

@@ -1,8 +1,8 @@
 #include "storage/provider/zip/ZipProvider.h"
 
-#include <gtest/gtest.h>
-
 #include <filesystem>
+
+#include <gtest/gtest.h>
 
 #include "ZipTestSupport.h"
 #include "fl/i18n/convert.h"

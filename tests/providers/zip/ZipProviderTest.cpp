@@ -1,8 +1,11 @@
 #include "storage/provider/zip/ZipProvider.h"
 
-#include <gtest/gtest.h>
+#include <atomic>
+#include <thread>
+#include <vector>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
+#include <gtest/gtest.h>
 
 #include "ZipTestSupport.h"
 #include "fl/i18n/convert.h"
@@ -230,6 +233,30 @@ TEST(ZipProvider, NoticesAChangedContainer) {
     std::string head(4, '\0');
     EXPECT_EQ(open->read(head.data(), 4), 4);
     EXPECT_EQ(head, "1111");
+}
+
+TEST(ZipProvider, ReadsWhileInvalidated) {
+    const std::string text = ziptest::sampleText(30000);
+    const auto archive = ziptest::inMemory(
+        ziptest::ZipBuilder().file("a.txt", text).file("s/b.txt", text, Method::Stored).bytes());
+    std::atomic<int> mismatches{0};
+    std::atomic<bool> done{false};
+    std::vector<std::thread> readers;
+    for (int t = 0; t < 3; ++t) {
+        readers.emplace_back([&] {
+            for (int i = 0; i < 40; ++i) {
+                if (readAll(*archive.provider, archive.at(i % 2 ? "/a.txt" : "/s/b.txt")) != text) ++mismatches;
+                if (namesOf(archive.provider->listAllRecursive(archive.at("/"))).size() != 3) ++mismatches;
+            }
+        });
+    }
+    std::thread invalidator([&] {
+        while (!done) invalidateProvider(StorageItem(archive.provider, archive.at("/a.txt")));
+    });
+    for (std::thread& reader : readers) reader.join();
+    done = true;
+    invalidator.join();
+    EXPECT_EQ(mismatches.load(), 0);
 }
 
 TEST(ZipProvider, MissingContainersHoldNothing) {

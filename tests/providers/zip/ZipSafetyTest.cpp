@@ -1,9 +1,9 @@
 #include "storage/provider/zip/ZipProvider.h"
 
-#include <gtest/gtest.h>
-
 #include <functional>
 #include <optional>
+
+#include <gtest/gtest.h>
 
 #include "ZipTestSupport.h"
 #include "storage/provider/Exception.h"
