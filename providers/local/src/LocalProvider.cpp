@@ -176,6 +176,7 @@ LocalProvider::LocalProvider() : written_(std::make_unique<WrittenFileSystems>()
 
 LocalProvider::~LocalProvider() {
     // Threads first: they call into this provider.
+    endChangePolling();
     detector_.reset();
     notifier_.reset();
 }

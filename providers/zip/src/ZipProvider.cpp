@@ -39,7 +39,7 @@ ListingRequest request(ListingRequest::Select select, bool namesOnly, bool recur
 ZipProvider::ZipProvider(StorageItem container, ZipLimits limits)
     : container_(std::move(container)), limits_(limits) {}
 
-ZipProvider::~ZipProvider() = default;
+ZipProvider::~ZipProvider() { endChangePolling(); }
 
 void ZipProvider::requireOwn(const StorageIRI& location) const {
     if (!location.hasInnerIRI() || location.getScheme() != kScheme || location.getInnerIRI() != container_.getLocation()) {
