@@ -31,6 +31,10 @@ install(FILES ${PROJECT_BINARY_DIR}/qkflstorageproviderConfig.cmake
               ${PROJECT_BINARY_DIR}/qkflstorageproviderConfigVersion.cmake
   DESTINATION ${QKFL_INSTALL_CMAKEDIR})
 
+# Relocatable: the prefix is found from the .pc file's own folder, so an installed tree may
+# move (and cmake --install --prefix works after configuring for another prefix).
+file(RELATIVE_PATH QKFL_PC_PREFIX "/qkfl-prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/qkfl-prefix")
+string(REGEX REPLACE "/$" "" QKFL_PC_PREFIX "${QKFL_PC_PREFIX}")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/qkflstorageprovider.pc.in
   ${PROJECT_BINARY_DIR}/qkflstorageprovider.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qkflstorageprovider.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -55,4 +55,14 @@ void IProvider::doStopChangePollingMechanism(const StorageIRI& folder) const {
     }
 }
 
+void IProvider::endChangePolling() const noexcept {
+    std::unique_ptr<PollingChangeEventsDetector> detector;
+    {
+        std::lock_guard lock(pollingMutex_);
+        detector = std::move(detector_);
+    }
+    // The detector goes here, outside the lock: joining waits for a pass in progress, which
+    // must not hold up a start or stop request on another thread.
+}
+
 }  // namespace foundation::storage::provider

@@ -260,6 +260,11 @@ protected:
     virtual void doTruncateToSize(const StorageIRI& location, std::uint64_t size) const;
     virtual ProviderCacheUsage doGetProviderCacheUsage(const StorageIRI& location) const;
 
+    // Stops change polling and joins the polling thread; polling may start again afterwards.
+    // The polling thread calls this provider's virtual members, so a provider that can be
+    // polled calls this first in its own destructor, before its members go. Never throws.
+    void endChangePolling() const noexcept;
+
 private:
     // Change polling: created on the first start request, destroyed (thread joined) with the
     // provider. Lock order: pollingMutex_, then the detector's, then a poller's.

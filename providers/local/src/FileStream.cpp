@@ -44,6 +44,7 @@ long FileStream::doWrite(const char* buffer, long count) {
             // What was written stays written; the caller learns of the rest by the failure.
             fail("write", errno);
         }
+        if (n == 0) break;  // a device that takes no more: the caller sees the short count
         written += static_cast<long>(n);
     }
     return written;

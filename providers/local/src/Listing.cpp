@@ -69,15 +69,17 @@ public:
     FolderEntry get() const override {
         if (!hasCurrent_) throw std::logic_error("no current entry: call hasNext() and next() first");
         const Record& record = current_;
+        // The first call takes the converted name; a later one converts again.
+        ustring name = nameTaken_ ? fl::i18n::to_ustring(record.relative) : std::move(current_.name);
+        nameTaken_ = true;
         const auto type = record.folder ? FolderEntry::EntryType::Folder : FolderEntry::EntryType::File;
-        if (request_.namesOnly || !record.haveStat) return FolderEntry(record.name, type);
-        if (!currentPath_) {
-            currentPath_ = std::make_shared<const std::string>(root_ == "/" ? "/" + record.relative
-                                                                             : root_ + "/" + record.relative);
-        }
+        if (request_.namesOnly || !record.haveStat) return FolderEntry(std::move(name), type);
+        if (!currentPath_) currentPath_ = sharePath(root_, record.relative);
         const bool hidden = isHiddenName(lastElement(record.relative));
-        if (record.folder) return FolderEntry(record.name, folderAttributes(record.st, currentPath_, hidden, record.symlink));
-        return FolderEntry(record.name, fileAttributes(record.st, currentPath_, hidden, record.symlink));
+        if (record.folder) {
+            return FolderEntry(std::move(name), folderAttributes(record.st, currentPath_, hidden, record.symlink));
+        }
+        return FolderEntry(std::move(name), fileAttributes(record.st, currentPath_, hidden, record.symlink));
     }
 
     bool hasNext() override {
@@ -92,6 +94,7 @@ public:
         }
         std::swap(current_, pending_);
         currentPath_.reset();
+        nameTaken_ = false;
         hasCurrent_ = true;
         hasPending_ = false;
     }
@@ -233,8 +236,9 @@ private:
     dev_t device_ = 0;
     std::vector<Frame> frames_;
     Record pending_;
-    Record current_;
-    mutable std::shared_ptr<const std::string> currentPath_;
+    mutable Record current_;
+    mutable SharedPath currentPath_;
+    mutable bool nameTaken_ = false;
     bool hasPending_ = false;
     bool hasCurrent_ = false;
 };

@@ -222,12 +222,12 @@ FileAttributes LocalProvider::doGetFileAttributes(const StorageIRI& location) co
         const int error = errno;
         // A dangling link is a file of its own: report the link.
         if ((error == ENOENT || error == ELOOP) && ::lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
-            return fileAttributes(st, std::make_shared<const std::string>(path), hidden, 1);
+            return fileAttributes(st, sharePath(path), hidden, 1);
         }
         throwErrno(error, location);
     }
     if (S_ISDIR(st.st_mode)) throwError(ErrorCode::InvalidLocation, location);
-    return fileAttributes(st, std::make_shared<const std::string>(path), hidden, -1);
+    return fileAttributes(st, sharePath(path), hidden, -1);
 }
 
 FolderAttributes LocalProvider::doGetFolderAttributes(const StorageIRI& location) const {
@@ -235,7 +235,7 @@ FolderAttributes LocalProvider::doGetFolderAttributes(const StorageIRI& location
     struct stat st {};
     if (::stat(path.c_str(), &st) != 0) throwErrno(errno, location);
     if (!S_ISDIR(st.st_mode)) throwError(ErrorCode::InvalidLocation, location);
-    return folderAttributes(st, std::make_shared<const std::string>(path), isHiddenName(lastElement(path)), -1);
+    return folderAttributes(st, sharePath(path), isHiddenName(lastElement(path)), -1);
 }
 
 void LocalProvider::doSetLastModified(const StorageIRI& location, const boost::posix_time::ptime& time) const {

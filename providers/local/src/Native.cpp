@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <stdexcept>
 
@@ -141,29 +142,39 @@ struct timespec toTimespec(const boost::posix_time::ptime& time) {
     return result;
 }
 
-bool isWritablePath(const std::string& path) { return ::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0; }
+bool isWritablePath(const char* path) { return ::faccessat(AT_FDCWD, path, W_OK, AT_EACCESS) == 0; }
 
-bool isSymlinkPath(const std::string& path) {
+bool isSymlinkPath(const char* path) {
     struct stat st {};
-    return ::lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
+    return ::lstat(path, &st) == 0 && S_ISLNK(st.st_mode);
+}
+
+SharedPath sharePath(std::string_view folder, std::string_view name) {
+    const bool separator = !name.empty() && (folder.empty() || folder.back() != '/');
+    const std::size_t size = folder.size() + (separator ? 1 : 0) + name.size();
+    std::shared_ptr<char[]> path = std::make_shared_for_overwrite<char[]>(size + 1);
+    char* out = std::copy(folder.begin(), folder.end(), path.get());
+    if (separator) *out++ = '/';
+    out = std::copy(name.begin(), name.end(), out);
+    *out = '\0';
+    return path;
 }
 
 namespace {
 
-std::function<bool()> writableFlag(const std::shared_ptr<const std::string>& path) {
-    return [path] { return isWritablePath(*path); };
+std::function<bool()> writableFlag(const SharedPath& path) {
+    return [path] { return isWritablePath(path.get()); };
 }
 
-std::function<bool()> symlinkFlag(const std::shared_ptr<const std::string>& path) {
-    return [path] { return isSymlinkPath(*path); };
+std::function<bool()> symlinkFlag(const SharedPath& path) {
+    return [path] { return isSymlinkPath(path.get()); };
 }
 
 }  // namespace
 
-FileAttributes fileAttributes(const struct stat& st, std::shared_ptr<const std::string> path, bool hidden,
-                              int symlink) {
+FileAttributes fileAttributes(const struct stat& st, const SharedPath& path, bool hidden, int symlink) {
     FileAttributes attributes(static_cast<unsigned long>(st.st_size), toPtime(st.st_mtim), writableFlag(path));
-    attributes.withHiddenAttribute(hidden);
+    if (hidden) attributes.withHiddenAttribute(true);  // false is the default
     if (symlink < 0) {
         attributes.withSymlinkStatusAttribute(symlinkFlag(path));
     } else if (symlink > 0) {
@@ -172,10 +183,9 @@ FileAttributes fileAttributes(const struct stat& st, std::shared_ptr<const std::
     return attributes;
 }
 
-FolderAttributes folderAttributes(const struct stat& st, std::shared_ptr<const std::string> path, bool hidden,
-                                  int symlink) {
+FolderAttributes folderAttributes(const struct stat& st, const SharedPath& path, bool hidden, int symlink) {
     FolderAttributes attributes(toPtime(st.st_mtim), writableFlag(path));
-    attributes.withHiddenAttribute(hidden);
+    if (hidden) attributes.withHiddenAttribute(true);  // false is the default
     if (symlink < 0) {
         attributes.withSymlinkStatusAttribute(symlinkFlag(path));
     } else if (symlink > 0) {

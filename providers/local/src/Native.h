@@ -75,16 +75,19 @@ boost::posix_time::ptime toPtime(const struct timespec& time);
 struct timespec toTimespec(const boost::posix_time::ptime& time);
 
 // Whether this process may write the file, with its effective identity.
-bool isWritablePath(const std::string& path);
+bool isWritablePath(const char* path);
 // Whether the path's last element is a symbolic link (false when it cannot be told).
-bool isSymlinkPath(const std::string& path);
+bool isSymlinkPath(const char* path);
+
+// A path shared by the lazy flags of an attribute record: one allocation, NUL-terminated.
+using SharedPath = std::shared_ptr<const char[]>;
+// `folder` + '/' + `name` (just `folder` when `name` is empty; no doubled '/').
+SharedPath sharePath(std::string_view folder, std::string_view name = {});
 
 // Attribute records from a stat result. `path` is where the lazy flags look; `symlink` is
 // the link status when known (-1: evaluated on first read).
-FileAttributes fileAttributes(const struct stat& st, std::shared_ptr<const std::string> path, bool hidden,
-                              int symlink);
-FolderAttributes folderAttributes(const struct stat& st, std::shared_ptr<const std::string> path, bool hidden,
-                                  int symlink);
+FileAttributes fileAttributes(const struct stat& st, const SharedPath& path, bool hidden, int symlink);
+FolderAttributes folderAttributes(const struct stat& st, const SharedPath& path, bool hidden, int symlink);
 
 // Whether a name is hidden (starts with '.').
 inline bool isHiddenName(std::string_view name) { return !name.empty() && name.front() == '.'; }

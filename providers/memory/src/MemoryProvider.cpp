@@ -31,7 +31,7 @@ std::unique_ptr<IFolderEntryIterator> iterate(std::vector<FolderEntry> entries) 
 
 MemoryProvider::MemoryProvider() : store_(std::make_unique<detail::MemoryStore>()) {}
 
-MemoryProvider::~MemoryProvider() = default;
+MemoryProvider::~MemoryProvider() { endChangePolling(); }
 
 StorageIRI MemoryProvider::rootLocation() { return StorageIRI(ustring(u"mem:///")); }
 

@@ -42,7 +42,9 @@ class WrittenFileSystems;
 // '.', writable evaluated on first read with faccessat(W_OK, AT_EACCESS) (what this process
 // may do with its effective identity and capabilities), symlink evaluated on first read with
 // lstat unless the listing already knew it. setWritable(false) clears every write bit,
-// setWritable(true) sets the owner's.
+// setWritable(true) sets the owner's. getProviderStorageInfo describes the file system that
+// holds the location (statvfs: its size and the space in use). truncateToSize uses
+// ftruncate, so a file grown that way reads as zeros without taking space.
 //
 // Listings: names-only forms use the directory entry's type and stat only symbolic links
 // and entries of unknown type; full forms stat every entry. An entry that vanishes between
@@ -72,8 +74,9 @@ class WrittenFileSystems;
 // or destruction without a close, removes the scratch file.
 //
 // Copies: copyFile and copyFileAtomic use copy_file_range(2), which shares blocks where the
-// file system can, and fall back to read/write where it cannot. The copy gets the source's
-// permission bits. copyFile with Preserve or NoClobber creates the destination exclusively;
+// file system can, and fall back to read/write where it cannot. Only regular files are copied
+// (anything else: UnsupportedOperation). The copy gets the source's permission bits, less the
+// umask. copyFile with Preserve or NoClobber creates the destination exclusively;
 // a failed copyFile removes the partly written destination. copyFileAtomic copies into a
 // scratch file beside the destination, asks `interrupt` before each chunk after the first
 // (chunks of 4 MiB), and commits durably as above; Aborted, or a failure, leaves the

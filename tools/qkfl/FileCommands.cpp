@@ -1,0 +1,255 @@
+// ls, stat, cat, cp, mv, rm, mkdir and truncate.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <limits>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "Commands.h"
+#include "Listing.h"
+#include "Progress.h"
+#include "Text.h"
+#include "storage/provider/Exception.h"
+#include "storage/provider/FolderEntryIterator.h"
+#include "storage/provider/StorageItem.h"
+
+namespace qkfl {
+
+namespace {
+
+using sp::ErrorCode;
+using sp::ExistenceType;
+using sp::FolderEntry;
+using sp::StorageItem;
+
+[[noreturn]] void fail(ErrorCode code, const StorageItem& item, const std::u16string& context = {}) {
+    sp::Exception e(code, item.getLocation());
+    if (!context.empty()) sp::addExceptionContext(e, context);
+    throw e;
+}
+
+ExistenceType existence(const StorageItem& item) { return item.getProvider()->exists(item.getLocation()); }
+
+// "d", then one letter per flag: writable, hidden, symbolic link.
+template <class Attributes>
+std::string flags(char type, const Attributes& a) {
+    return fmt::format("{}{}{}{}", type, a.isWritable() ? 'w' : '-', a.isHidden() ? 'h' : '-',
+                       a.isSymlink() ? 'l' : '-');
+}
+
+// "writable hidden symlink", the flags that are set, or "-".
+template <class Attributes>
+std::string flagWords(const Attributes& a) {
+    std::string words;
+    if (a.isWritable()) words += "writable ";
+    if (a.isHidden()) words += "hidden ";
+    if (a.isSymlink()) words += "symlink ";
+    if (words.empty()) return "-";
+    words.pop_back();
+    return words;
+}
+
+std::string longLine(const FolderEntry& entry) {
+    const std::string name = utf8(entry.getName());
+    if (const auto& file = entry.getFileAttributes()) {
+        const std::string size = file->hasSizeAttribute() ? std::to_string(file->getSize()) : "?";
+        return fmt::format("{} {:>12} {} {}", flags('-', *file), size, formatTime(file->getLastModified()), name);
+    }
+    if (const auto& folder = entry.getFolderAttributes()) {
+        return fmt::format("{} {:>12} {} {}/", flags('d', *folder), "-", formatTime(folder->getLastModified()), name);
+    }
+    return fmt::format("{} {:>12} {:19} {}{}", entry.isFile() ? "-???" : "d???", "?", "?", name,
+                       entry.isFile() ? "" : "/");
+}
+
+// Target of a copy or move: into `target` when it is an existing folder, as cp and mv do.
+StorageItem destination(const StorageItem& source, const StorageItem& target) {
+    if (target.folderExists()) return StorageItem(target, source.getName());
+    return target;
+}
+
+bool stderrIsTerminal() { return ::isatty(STDERR_FILENO) == 1; }
+
+// Copies one file; prints the interruption and returns kExitInterrupted when stopped.
+int copyOne(const StorageItem& source, const StorageItem& target, const CopyOptions& options, const char* command) {
+    const sp::FileAttributes attributes = source.getFileAttributes();
+    CopyMonitor monitor(attributes.hasSizeAttribute() ? attributes.getSize() : 0, stderrIsTerminal(),
+                        options.bytesPerSecond);
+    sp::CopyFileOptions copy;
+    copy.replacementPolicy = options.policy;
+    copy.transactionPolicy = options.atomic ? sp::TransactionPolicy::Atomic : sp::TransactionPolicy::NonAtomic;
+    copy.interruptCallback = [&monitor] { return monitor.next(); };
+    const sp::TransactionStatus status = source.copyFile(target, copy);
+    monitor.finish();
+    if (status == sp::TransactionStatus::Aborted) {
+        fmt::print(stderr, "qkfl: {}: {}: interrupted, {}\n", command, text(target.getLocation()),
+                   options.atomic ? "the target is as it was" : "the target holds what was copied so far");
+        return kExitInterrupted;
+    }
+    return kExitOk;
+}
+
+}  // namespace
+
+int runLs(const ProviderRegistry& registry, const LsOptions& o) {
+    const StorageItem item = registry.itemFor(o.location);
+    std::vector<FolderEntry> entries;
+    switch (existence(item)) {
+        case ExistenceType::AsFile:
+            entries.emplace_back(item.getName(), item.getFileAttributes());
+            break;
+        case ExistenceType::AsFolder:
+            entries = listFolder(item, o);
+            break;
+        default:
+            fail(ErrorCode::ResourceNotFound, item);
+    }
+    for (const FolderEntry& entry : entries) {
+        if (o.longFormat) {
+            fmt::print("{}\n", longLine(entry));
+        } else {
+            fmt::print("{}{}\n", utf8(entry.getName()), entry.isFile() ? "" : "/");
+        }
+    }
+    return kExitOk;
+}
+
+int runStat(const ProviderRegistry& registry, const std::string& location) {
+    const StorageItem item = registry.itemFor(location);
+    const sp::IProvider& provider = *item.getProvider();
+    const ExistenceType kind = provider.exists(item.getLocation());
+    const sp::ExistenceTypeExtended extended = provider.existsExtended(item.getLocation());
+    if (kind == ExistenceType::AsNeither && extended == sp::ExistenceTypeExtended::None) {
+        fail(ErrorCode::ResourceNotFound, item);
+    }
+    auto line = [](const char* label, const std::string& value) { fmt::print("{:<10} {}\n", label, value); };
+    line("location:", text(item.getLocation()));
+    line("exists:", fmt::format("{} ({})", existenceName(kind), existenceName(extended)));
+    if (kind == ExistenceType::AsFolder) {
+        const sp::FolderAttributes a = item.getFolderAttributes();
+        line("modified:", formatTime(a.getLastModified(), true));
+        line("flags:", flagWords(a));
+    } else {
+        const sp::FileAttributes a = item.getFileAttributes();
+        line("size:", a.hasSizeAttribute() ? fmt::format("{} ({})", a.getSize(), formatBytes(a.getSize())) : "-");
+        line("modified:", formatTime(a.getLastModified(), true));
+        line("flags:", flagWords(a));
+    }
+    try {
+        const sp::ProviderStorageInfo info = item.getProviderStorageInfo();
+        const bool unbounded = info.getStorageCapacity() == std::numeric_limits<unsigned long>::max();
+        line("storage:", fmt::format("{} used of {}", formatBytes(info.getSpaceOccupied()),
+                                     unbounded ? std::string("no set limit") : formatBytes(info.getStorageCapacity())));
+    } catch (const sp::Exception& e) {
+        if (e.getErrorCode() != ErrorCode::UnsupportedOperation) throw;
+        line("storage:", "not reported by this provider");
+    }
+    std::string features;
+    if (item.hasFeature(sp::ExtendedFeature::RecursiveFolderRemoval)) features += "RecursiveFolderRemoval ";
+    if (item.hasFeature(sp::ExtendedFeature::NativeAtomicCopy)) features += "NativeAtomicCopy ";
+    if (!features.empty()) features.pop_back();
+    line("features:", features.empty() ? "-" : features);
+    const sp::FilenameSensitivity sensitivity = item.getFilenameSensitivity();
+    line("names:", fmt::format("case {}, case {}", sensitivity.caseSensitive ? "sensitive" : "insensitive",
+                               sensitivity.casePreserving ? "preserving" : "folding"));
+    return kExitOk;
+}
+
+int runCat(const ProviderRegistry& registry, const std::string& location) {
+    const StorageItem item = registry.itemFor(location);
+    const std::unique_ptr<sp::ByteStream> stream = item.openReadOnlyStream();
+    std::vector<char> buffer(std::size_t(1) << 16);
+    for (;;) {
+        const long n = stream->read(buffer.data(), static_cast<long>(buffer.size()));
+        if (n <= 0) break;
+        if (std::fwrite(buffer.data(), 1, static_cast<std::size_t>(n), stdout) != static_cast<std::size_t>(n)) break;
+    }
+    stream->close();
+    std::fflush(stdout);
+    return kExitOk;
+}
+
+int runCp(const ProviderRegistry& registry, const CopyOptions& options) {
+    installInterruptHandler();
+    const StorageItem source = registry.itemFor(options.source);
+    const StorageItem target = destination(source, registry.itemFor(options.target));
+    if (source.folderExists()) fail(ErrorCode::InvalidLocation, source, u"a folder: cp copies files");
+    // A plain copy onto its own source would truncate what it is about to read.
+    if (source.hasSameProviderInstance(target) && source.getCanonicalLocation() == target.getCanonicalLocation()) {
+        fail(ErrorCode::InvalidLocation, target, u"the source itself");
+    }
+    return copyOne(source, target, options, "cp");
+}
+
+int runMv(const ProviderRegistry& registry, const CopyOptions& options) {
+    installInterruptHandler();
+    const StorageItem source = registry.itemFor(options.source);
+    const StorageItem target = destination(source, registry.itemFor(options.target));
+    switch (existence(source)) {
+        case ExistenceType::AsFile:
+            if (source.hasSameProviderInstance(target)) {
+                source.moveFile(target.getLocation(), options.policy);
+                return kExitOk;
+            }
+            // Between providers: an atomic copy, and the source goes only once it is complete.
+            {
+                CopyOptions copy = options;
+                copy.atomic = true;
+                const int status = copyOne(source, target, copy, "mv");
+                if (status != kExitOk) return status;
+            }
+            source.removeFile();
+            return kExitOk;
+        case ExistenceType::AsFolder:
+            if (!source.hasSameProviderInstance(target)) {
+                fail(ErrorCode::UnsupportedOperation, source, u"a folder moves only within one provider");
+            }
+            source.moveFolder(target.getLocation(), options.policy);
+            return kExitOk;
+        default:
+            fail(ErrorCode::ResourceNotFound, source);
+    }
+}
+
+int runRm(const ProviderRegistry& registry, bool recursive, const std::string& location) {
+    const StorageItem item = registry.itemFor(location);
+    switch (existence(item)) {
+        case ExistenceType::AsFile:
+            item.removeFile();
+            break;
+        case ExistenceType::AsFolder:
+            if (recursive) {
+                item.removeFolderRecursively();
+            } else {
+                item.removeFolder();
+            }
+            break;
+        default:
+            // A dangling symbolic link is neither a file nor a folder, yet it can be removed.
+            if (item.getProvider()->existsExtended(item.getLocation()) != sp::ExistenceTypeExtended::BrokenSymlink) {
+                fail(ErrorCode::ResourceNotFound, item);
+            }
+            item.removeFile();
+    }
+    return kExitOk;
+}
+
+int runMkdir(const ProviderRegistry& registry, bool parents, const std::string& location) {
+    const StorageItem item = registry.itemFor(location);
+    if (!parents) {
+        item.createFolder();
+    } else if (!item.folderExists()) {
+        item.createFolderRecursive();
+    }
+    return kExitOk;
+}
+
+int runTruncate(const ProviderRegistry& registry, std::uint64_t size, const std::string& location) {
+    registry.itemFor(location).truncateToSize(size);
+    return kExitOk;
+}
+
+}  // namespace qkfl

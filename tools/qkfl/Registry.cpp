@@ -1,0 +1,70 @@
+#include "Registry.h"
+
+#include <cctype>
+#include <filesystem>
+
+#include "Text.h"
+#include "storage/provider/Exception.h"
+#include "storage/provider/PathConversions.h"
+
+namespace qkfl {
+
+namespace {
+
+// 'scheme:' before any '/': RFC 3987's scheme characters.
+bool startsWithScheme(std::string_view text) {
+    if (text.empty() || std::isalpha(static_cast<unsigned char>(text[0])) == 0) return false;
+    for (const char c : text.substr(1)) {
+        if (c == ':') return true;
+        if (std::isalnum(static_cast<unsigned char>(c)) == 0 && c != '+' && c != '-' && c != '.') return false;
+    }
+    return false;
+}
+
+[[noreturn]] void noProvider(const sp::StorageIRI& location) {
+    throw sp::addExceptionContext(sp::Exception(sp::ErrorCode::InvalidLocation, location),
+                                  u"no provider for the scheme '" + location.getScheme() + u"'");
+}
+
+}  // namespace
+
+sp::StorageIRI parseLocation(std::string_view text) {
+    if (text.empty()) throw BadLocation{std::string(text), "an empty location"};
+    if (startsWithScheme(text)) {
+        try {
+            return sp::StorageIRI(utf16(text));
+        } catch (const std::exception& e) {
+            throw BadLocation{std::string(text), std::string("cannot parse it as an IRI: ") + e.what()};
+        }
+    }
+    try {
+        std::filesystem::path path{std::string(text)};
+        if (path.is_relative()) path = std::filesystem::current_path() / path;
+        std::string normal = path.lexically_normal().string();
+        if (normal.size() > 1 && normal.back() == '/') normal.pop_back();
+        return sp::toStorageIRI(u"file", fl::filesystem::basic_path(utf16(normal)));
+    } catch (const std::exception& e) {
+        throw BadLocation{std::string(text), std::string("cannot use it as a path: ") + e.what()};
+    }
+}
+
+ProviderRegistry::ProviderRegistry() : memory_(sp::memory::makeMemoryProvider()) {}
+
+std::shared_ptr<sp::IProvider> ProviderRegistry::physicalProvider(const sp::StorageIRI& location) const {
+    const std::u16string scheme = location.getScheme();
+    if (location.hasInnerIRI()) noProvider(location);
+    if (scheme == u"file") return local_.buildProvider(location);
+    if (scheme == u"mem") return memory_;
+    noProvider(location);
+}
+
+sp::StorageItem ProviderRegistry::itemFor(const sp::StorageIRI& location) const {
+#ifdef QKFL_TOOL_WITH_ZIP
+    if (location.hasInnerIRI() && location.getScheme() == u"zip") {
+        return zip_.itemFor(location, [this](const sp::StorageIRI& outer) { return physicalProvider(outer); });
+    }
+#endif
+    return sp::StorageItem(physicalProvider(location), location);
+}
+
+}  // namespace qkfl
