@@ -134,7 +134,9 @@ void libzipRead(benchmark::State& state, const std::string& archive) {
     for (auto _ : state) {
         zip_file_t* file = zip_fopen_index(handle, 0, 0);
         std::size_t total = 0;
-        for (zip_int64_t n; (n = zip_fread(file, buffer.data(), buffer.size())) > 0;) total += static_cast<std::size_t>(n);
+        for (zip_int64_t n; (n = zip_fread(file, buffer.data(), buffer.size())) > 0;) {
+            total += static_cast<std::size_t>(n);
+        }
         zip_fclose(file);
         require(total == kEntrySize, "short read");
     }

@@ -119,7 +119,8 @@ void EntryStream::reopen(::zip* handle) {
     endChecked_ = false;
     file_ = zip_fopen_index(handle, entry_, 0);
     if (file_ == nullptr) {
-        const ErrorCode code = codeOf(archive_->takeSourceFailure(), openingCode(zip_error_code_zip(zip_get_error(handle))));
+        const ErrorCode fallback = openingCode(zip_error_code_zip(zip_get_error(handle)));
+        const ErrorCode code = codeOf(archive_->takeSourceFailure(), fallback);
         throw ByteStreamFailure(code, std::string("cannot open again '") + ascii(location_) + "': " +
                                           zip_strerror(handle));
     }

@@ -24,10 +24,12 @@ public:
             name.append(prefix_).append(index_.name(node));
         }
         if (request_.namesOnly) {
-            return FolderEntry(std::move(name), node.folder ? FolderEntry::EntryType::Folder : FolderEntry::EntryType::File);
+            return FolderEntry(std::move(name),
+                               node.folder ? FolderEntry::EntryType::Folder : FolderEntry::EntryType::File);
         }
         if (node.folder) return FolderEntry(std::move(name), FolderAttributes(node.lastModified, false));
-        return FolderEntry(std::move(name), FileAttributes(static_cast<unsigned long>(node.size), node.lastModified, false));
+        return FolderEntry(std::move(name),
+                           FileAttributes(static_cast<unsigned long>(node.size), node.lastModified, false));
     }
 
     bool hasNext() override {

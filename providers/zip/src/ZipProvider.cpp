@@ -42,7 +42,8 @@ ZipProvider::ZipProvider(StorageItem container, ZipLimits limits)
 ZipProvider::~ZipProvider() { endChangePolling(); }
 
 void ZipProvider::requireOwn(const StorageIRI& location) const {
-    if (!location.hasInnerIRI() || location.getScheme() != kScheme || location.getInnerIRI() != container_.getLocation()) {
+    if (!location.hasInnerIRI() || location.getScheme() != kScheme ||
+        location.getInnerIRI() != container_.getLocation()) {
         throw Exception(ErrorCode::InvalidLocation, location);
     }
 }
@@ -114,7 +115,8 @@ std::unique_ptr<ByteStream> ZipProvider::doOpenReadOnlyStream(const StorageIRI& 
     return current->openEntry(node, location);
 }
 
-std::unique_ptr<IFolderEntryIterator> ZipProvider::list(const StorageIRI& folder, detail::ListingRequest request) const {
+std::unique_ptr<IFolderEntryIterator> ZipProvider::list(const StorageIRI& folder,
+                                                        detail::ListingRequest request) const {
     auto current = archive(folder);
     const Index::Lookup found = current->index().find(folder.getPath());
     if (found.outcome == Index::Outcome::Missing) throw Exception(ErrorCode::ResourceNotFound, folder);

@@ -57,7 +57,8 @@ TEST_F(ZipNesting, ResolvesAndReadsThreeDeep) {
     EXPECT_TRUE(d.hasSameProviderInstance(other));
     const auto* c = dynamic_cast<const ZipProvider*>(d.getProvider().get());
     ASSERT_NE(c, nullptr);
-    EXPECT_EQ(c->getContainer().getLocation(), ziptest::zipLocation(ziptest::zipLocation(archive_, "/b.zip"), "/c.zip"));
+    EXPECT_EQ(c->getContainer().getLocation(),
+              ziptest::zipLocation(ziptest::zipLocation(archive_, "/b.zip"), "/c.zip"));
     const auto* b = dynamic_cast<const ZipProvider*>(c->getContainer().getProvider().get());
     ASSERT_NE(b, nullptr);
     EXPECT_EQ(b->getContainer().getLocation(), ziptest::zipLocation(archive_, "/b.zip"));

@@ -17,12 +17,16 @@ class Archive;
 struct ListingRequest;
 }
 
-// What an archive may declare before it is refused as implausible (a zip bomb). The checks
-// run on the archive's directory, before memory is committed for its entries.
+// What an archive may declare before it is refused as implausible (a zip bomb), with IOError.
+// The count is checked from the archive's end records, before its directory is read; the
+// sizes from the directory, before the index is built. Besides these limits, an entry's
+// compressed size must lie within the archive, a stored entry may not declare more than it
+// stores, and all entries' compressed sizes together must fit in the archive (entries never
+// share bytes).
 struct ZipLimits {
-    // Entries in the archive's directory.
+    // Entries in the archive's directory; as many folders again may be implied by their names.
     std::uint64_t maxEntries = 1'000'000;
-    // Declared size of an entry over its compressed size (deflate cannot exceed 1032).
+    // Declared size of a compressed entry over its compressed size (deflate cannot exceed 1032).
     std::uint64_t maxCompressionRatio = 1100;
 };
 
