@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "foundation/core/except/Exception.h"
+#include "support/Expect.h"
 
 namespace {
 
@@ -16,24 +17,8 @@ using foundation::storage::provider::ustring;
 using foundation::storage::provider::detail::makeImpl;
 using ParseFailure = foundation::core::except::detail::AnonymousInternalException<std::runtime_error>;
 
-std::string utf8(const ustring& text) {
-    std::ostringstream out;
-    out << text;
-    return out.str();
-}
-
-template <class E>
-void expectThrow(const std::function<void()>& action, const std::string& message) {
-    try {
-        action();
-        ADD_FAILURE() << "no exception, expected: " << message;
-    } catch (const E& e) {
-        EXPECT_EQ(typeid(e), typeid(E)) << e.what();
-        EXPECT_EQ(std::string(e.what()), message);
-    } catch (const std::exception& e) {
-        ADD_FAILURE() << "unexpected " << typeid(e).name() << ": " << e.what();
-    }
-}
+using qkfl::test::expectThrow;
+using qkfl::test::utf8;
 
 TEST(StorageIRIForms, MakeImplChoosesTheForm) {
     const auto container = makeImpl(IRI(u"zip:file:///c.zip!/a"));

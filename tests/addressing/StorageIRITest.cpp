@@ -15,6 +15,7 @@
 
 #include "foundation/core/except/Exception.h"
 #include "storage/provider/detail/StorageIRIImpl.h"
+#include "support/Expect.h"
 
 namespace {
 
@@ -24,25 +25,8 @@ using foundation::storage::provider::detail::StorageIRIImpl;
 using LogicFailure = foundation::core::except::detail::AnonymousInternalException<std::logic_error>;
 using ParseFailure = foundation::core::except::detail::AnonymousInternalException<std::runtime_error>;
 
-std::string utf8(const ustring& text) {
-    std::ostringstream out;
-    out << text;
-    return out.str();
-}
-
-// Runs `action` and checks that it throws exactly `E` with `message`.
-template <class E>
-void expectThrow(const std::function<void()>& action, const std::string& message) {
-    try {
-        action();
-        ADD_FAILURE() << "no exception, expected: " << message;
-    } catch (const E& e) {
-        EXPECT_EQ(typeid(e), typeid(E)) << e.what();
-        EXPECT_EQ(std::string(e.what()), message);
-    } catch (const std::exception& e) {
-        ADD_FAILURE() << "unexpected " << typeid(e).name() << ": " << e.what();
-    }
-}
+using qkfl::test::expectThrow;
+using qkfl::test::utf8;
 
 // An implementation with a given ASCII text, to drive the base equality directly.
 class TextImpl final : public StorageIRIImpl {
