@@ -7,6 +7,7 @@ if(TARGET qkfl AND TARGET libzip::zip)
     qkfl_tool_commands libzip::zip GTest::gtest GTest::gtest_main qkfl_warnings)
   target_compile_definitions(qkfl_tool_tests PRIVATE QKFL_TOOL_PATH="$<TARGET_FILE:qkfl>")
   add_dependencies(qkfl_tool_tests qkfl)
+  qkfl_test_pch(qkfl_tool_tests)
   gtest_discover_tests(qkfl_tool_tests DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
                        PROPERTIES TIMEOUT 600 LABELS tool)
 endif()
