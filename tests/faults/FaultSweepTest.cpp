@@ -455,6 +455,7 @@ INSTANTIATE_TEST_SUITE_P(
         Sweep{"LocalCopyStreamFailure", Loc, Native, plainCopy, F, ErrorCode::IOError},
         Sweep{"MemoryShrinkException", Mem, Here, shrink, E, ErrorCode::NoSpaceLeft},
         Sweep{"MemoryShrinkStreamFailure", Mem, Here, shrink, F, ErrorCode::IOError},
+        Sweep{"MemoryShrinkShortWrite", Mem, Here, shrink, W, ErrorCode::IOError},
         Sweep{"MemoryGrowException", Mem, Here, grow, E, ErrorCode::NoSpaceLeft},
         Sweep{"MemoryGrowStreamFailure", Mem, Here, grow, F, ErrorCode::IOError},
         Sweep{"MemoryGrowShortWrite", Mem, Here, grow, W, ErrorCode::IOError},
