@@ -172,23 +172,25 @@ std::optional<StorageIRI> unchanged(const World&, const Step& step, FaultKind ki
 const std::string kOld = "old content";
 const std::string kNew = pattern(300000, 'n');
 
-Operation transactionalWrite() {
+// Writes kNew through a transactional stream and closes it with `policy`.
+Operation transactionalWrite(StreamClosePolicy policy) {
     return {
         [](World& w) { w.put(w.at("file"), kOld, *w.rawTarget); },
-        [](World& w) {
+        [policy](World& w) {
             auto stream = w.target->openTransactionalStream(w.at("file"), kReplace);
             for (std::size_t done = 0; done < kNew.size(); done += 100000) {
                 writeAll(stream->byteStream(), kNew.substr(done, 100000));
             }
-            stream->close(StreamClosePolicy::Commit);
+            stream->close(policy);
         },
         unchanged,
-        [](World& w, bool failed) {
+        [policy](World& w, bool failed) {
             const std::string now = readAll(*w.rawTarget, w.at("file"));
+            const std::string& result = policy == StreamClosePolicy::Commit ? kNew : kOld;
             if (failed) {
                 EXPECT_TRUE(now == kOld || now == kNew) << "mixed content, " << now.size() << " bytes";
             } else {
-                EXPECT_TRUE(sameBytes(now, kNew));
+                EXPECT_TRUE(sameBytes(now, result));
             }
             EXPECT_EQ(w.scratchNames(), std::vector<std::string>{});
         },
@@ -430,6 +432,8 @@ constexpr auto Loc = Store::Local;
 constexpr auto Here = Defaults::Here;
 constexpr auto Native = Defaults::Target;
 
+Operation committedWrite() { return transactionalWrite(StreamClosePolicy::Commit); }
+Operation abortedWrite() { return transactionalWrite(StreamClosePolicy::Abort); }
 Operation atomicCopy() { return crossCopy(TransactionPolicy::Atomic); }
 Operation plainCopy() { return crossCopy(TransactionPolicy::NonAtomic); }
 Operation shrink() { return truncation(300000, 200000); }
@@ -438,14 +442,17 @@ Operation grow() { return truncation(1000, 300000); }
 INSTANTIATE_TEST_SUITE_P(
     Operations, FaultSweep,
     ::testing::Values(
-        Sweep{"MemoryTransactionalWriteException", Mem, Here, transactionalWrite, E, ErrorCode::NoSpaceLeft},
-        Sweep{"MemoryTransactionalWriteStreamFailure", Mem, Here, transactionalWrite, F, ErrorCode::IOError},
-        Sweep{"MemoryTransactionalWriteShortWrite", Mem, Here, transactionalWrite, W, ErrorCode::IOError},
-        Sweep{"LocalTransactionalWriteException", Loc, Native, transactionalWrite, E, ErrorCode::NoSpaceLeft},
-        Sweep{"LocalTransactionalWriteStreamFailure", Loc, Native, transactionalWrite, F, ErrorCode::IOError},
+        Sweep{"MemoryTransactionalWriteException", Mem, Here, committedWrite, E, ErrorCode::NoSpaceLeft},
+        Sweep{"MemoryTransactionalWriteStreamFailure", Mem, Here, committedWrite, F, ErrorCode::IOError},
+        Sweep{"MemoryTransactionalWriteShortWrite", Mem, Here, committedWrite, W, ErrorCode::IOError},
+        Sweep{"MemoryAbortedWriteException", Mem, Here, abortedWrite, E, ErrorCode::NoSpaceLeft},
+        Sweep{"MemoryAbortedWriteStreamFailure", Mem, Here, abortedWrite, F, ErrorCode::IOError},
+        Sweep{"LocalTransactionalWriteException", Loc, Native, committedWrite, E, ErrorCode::NoSpaceLeft},
+        Sweep{"LocalTransactionalWriteStreamFailure", Loc, Native, committedWrite, F, ErrorCode::IOError},
         Sweep{"MemoryAtomicCopyException", Mem, Here, atomicCopy, E, ErrorCode::PermissionDenied},
         Sweep{"MemoryAtomicCopyStreamFailure", Mem, Here, atomicCopy, F, ErrorCode::IOError},
         Sweep{"MemoryAtomicCopyShortWrite", Mem, Here, atomicCopy, W, ErrorCode::IOError},
+        Sweep{"LocalAbortedWriteException", Loc, Native, abortedWrite, E, ErrorCode::NoSpaceLeft},
         Sweep{"LocalAtomicCopyException", Loc, Native, atomicCopy, E, ErrorCode::PermissionDenied},
         Sweep{"LocalAtomicCopyStreamFailure", Loc, Native, atomicCopy, F, ErrorCode::IOError},
         Sweep{"MemoryCopyException", Mem, Here, plainCopy, E, ErrorCode::PermissionDenied},
