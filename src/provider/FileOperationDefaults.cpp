@@ -20,18 +20,22 @@ constexpr long kCopyBufferSize = 4096;
 constexpr std::uint64_t kChunkSize = 131072;
 
 // Writes `count` bytes in freshly zeroed chunks of at most kChunkSize, each filled by `fill`
-// first, so memory stays bounded whatever the size. A write that reports nothing written
-// (-1, and likewise 0, which would otherwise never finish) ends the loop silently and leaves
-// the file short.
+// first, so memory stays bounded whatever the size. Each chunk is written whole, the rest
+// again after a partial write: the filler has consumed its source bytes, so a dropped rest
+// would shift everything after it. A write that reports nothing written (-1, and likewise 0,
+// which would otherwise never finish) ends the loop silently and leaves the file short.
 template <class Fill>
 void writeChunked(ByteStream& out, std::uint64_t count, Fill fill) {
     while (count > 0) {
         const auto size = static_cast<long>(std::min(count, kChunkSize));
         std::vector<char> buffer(static_cast<std::size_t>(size));
         fill(buffer.data(), size);
-        const long written = out.write(buffer.data(), size);
-        if (written <= 0) return;
-        count -= std::min(static_cast<std::uint64_t>(written), count);
+        for (long done = 0; done < size;) {
+            const long written = out.write(buffer.data() + done, size - done);
+            if (written <= 0) return;
+            done += std::min(written, size - done);
+        }
+        count -= static_cast<std::uint64_t>(size);
     }
 }
 

@@ -1,0 +1,475 @@
+#include "support/FaultInjectingProvider.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "fl/i18n/convert.h"
+#include "storage/provider/SingleFolderChangePoller.h"
+#include "storage/provider/StorageItem.h"
+#include "storage/provider/TransactionalStream.h"
+#include "storage/provider/local/LocalProvider.h"
+#include "storage/provider/memory/MemoryProvider.h"
+
+// Fault sweeps: each operation runs once clean to learn its steps, then once per step with
+// that step broken. After every broken run: the error carries the injected code and the
+// location the operation documents; an atomic target holds exactly its old or its new
+// content; no transactional scratch file is left; a run that reports success did all of its
+// work; and the same operation, run again without faults, succeeds.
+
+namespace foundation::storage::provider {
+namespace {
+
+using testsupport::FaultInjectingProvider;
+using testsupport::FaultKind;
+using testsupport::FaultPlan;
+using testsupport::Step;
+using Defaults = FaultInjectingProvider::Defaults;
+
+const ByteStreamOpenOptions kReplace{ByteStreamAccess::ReadWrite, ByteStreamCreate::Create,
+                                     ByteStreamTruncate::TruncateExisting, ByteStreamAppend::Overwrite};
+
+std::string pattern(std::size_t size, char seed) {
+    std::string bytes(size, '\0');
+    for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(seed + static_cast<char>(i % 251));
+    return bytes;
+}
+
+void writeAll(ByteStream& stream, const std::string& bytes) {
+    for (std::size_t done = 0; done < bytes.size();) {
+        const long n = stream.write(bytes.data() + done, static_cast<long>(bytes.size() - done));
+        ASSERT_GT(n, 0) << "a write took nothing";
+        done += static_cast<std::size_t>(n);
+    }
+}
+
+std::string readAll(const IProvider& provider, const StorageIRI& file) {
+    auto stream = provider.openReadOnlyStream(file);
+    std::string bytes;
+    std::vector<char> buffer(65536);
+    for (long n; (n = stream->read(buffer.data(), static_cast<long>(buffer.size()))) > 0;) {
+        bytes.append(buffer.data(), static_cast<std::size_t>(n));
+    }
+    return bytes;
+}
+
+std::vector<std::string> namesIn(const IProvider& provider, const StorageIRI& folder) {
+    std::vector<std::string> names;
+    for (auto entries = provider.listAll(folder); entries->hasNext();) {
+        entries->next();
+        names.push_back(fl::i18n::to_string(entries->get().getName()));
+    }
+    return names;
+}
+
+// Equality of two byte strings, reported by size and first difference rather than in full.
+::testing::AssertionResult sameBytes(const std::string& actual, const std::string& expected) {
+    if (actual == expected) return ::testing::AssertionSuccess();
+    const auto at =
+        std::mismatch(actual.begin(), actual.end(), expected.begin(), expected.end()).first - actual.begin();
+    return ::testing::AssertionFailure() << actual.size() << " bytes where " << expected.size()
+                                         << " were expected, first difference at " << at;
+}
+
+bool endsWith(const std::string& text, const std::string& tail) {
+    return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+// A fresh folder under the system's temporary folder, removed with its contents.
+class TempFolder {
+public:
+    TempFolder() {
+        std::string name = (std::filesystem::temp_directory_path() / "qkfl-faults-XXXXXX").string();
+        if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+        path_ = name;
+    }
+    TempFolder(const TempFolder&) = delete;
+    TempFolder& operator=(const TempFolder&) = delete;
+    ~TempFolder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    StorageIRI location() const { return StorageIRI(fl::i18n::to_ustring("file://" + path_.string())); }
+
+private:
+    std::filesystem::path path_;
+};
+
+enum class Store { Memory, Local };
+
+// The stores of one run: a memory source and a target store, each seen raw (for set-up and
+// checks) and through a fault-injecting provider (for the operation), over one plan.
+struct World {
+    explicit World(Store store, Defaults targetDefaults) {
+        if (store == Store::Local) {
+            temp = std::make_unique<TempFolder>();
+            rawTarget = std::make_shared<local::LocalProvider>();
+            folder = temp->location();
+        } else {
+            rawTarget = memory::makeMemoryProvider();
+            folder = StorageIRI(u"mem:///work");
+            rawTarget->createFolder(folder);
+        }
+        rawSource->createFolder(StorageIRI(u"mem:///from"));
+        target = std::make_shared<FaultInjectingProvider>(rawTarget, plan, targetDefaults);
+        source = std::make_shared<FaultInjectingProvider>(rawSource, plan, Defaults::Here);
+    }
+    StorageIRI at(const std::string& name) const { return StorageIRI(folder, fl::i18n::to_ustring(name)); }
+    void put(const StorageIRI& file, const std::string& bytes, const IProvider& provider) const {
+        auto stream = provider.openStream(file, kReplace);
+        writeAll(*stream, bytes);
+        stream->close();
+    }
+    std::vector<std::string> scratchNames() const {
+        std::vector<std::string> found;
+        for (const auto& name : namesIn(*rawTarget, folder)) {
+            if (endsWith(name, ".tmp.bak")) found.push_back(name);
+        }
+        return found;
+    }
+
+    std::shared_ptr<FaultPlan> plan = std::make_shared<FaultPlan>();
+    std::unique_ptr<TempFolder> temp;
+    std::shared_ptr<IProvider> rawSource = memory::makeMemoryProvider();
+    std::shared_ptr<IProvider> rawTarget;
+    StorageIRI folder{u"mem:///"};
+    std::shared_ptr<IProvider> source, target;
+    // What a poll published, one line per event.
+    std::vector<std::string> events;
+    std::unique_ptr<SingleFolderChangePoller> poller;
+};
+
+// One operation under test. `blame` gives the location a failure at `step` must name, or
+// nothing when a ByteStreamFailure is documented to pass unchanged. `check` tests what the
+// target holds: after success (`failed` false) exactly the new state, after a failure a
+// state the operation allows.
+struct Operation {
+    std::function<void(World&)> prepare;
+    std::function<void(World&)> run;
+    std::function<std::optional<StorageIRI>(const World&, const Step&, FaultKind)> blame;
+    std::function<void(World&, bool failed)> check;
+};
+
+// The failing step's own error passes unchanged.
+std::optional<StorageIRI> unchanged(const World&, const Step& step, FaultKind kind) {
+    if (kind == FaultKind::Exception) return step.location;
+    return std::nullopt;
+}
+
+// --- Transactional write ------------------------------------------------------------------
+
+const std::string kOld = "old content";
+const std::string kNew = pattern(300000, 'n');
+
+// Writes kNew through a transactional stream and closes it with `policy`.
+Operation transactionalWrite(StreamClosePolicy policy) {
+    return {
+        [](World& w) { w.put(w.at("file"), kOld, *w.rawTarget); },
+        [policy](World& w) {
+            auto stream = w.target->openTransactionalStream(w.at("file"), kReplace);
+            for (std::size_t done = 0; done < kNew.size(); done += 100000) {
+                writeAll(stream->byteStream(), kNew.substr(done, 100000));
+            }
+            stream->close(policy);
+        },
+        unchanged,
+        [policy](World& w, bool failed) {
+            const std::string now = readAll(*w.rawTarget, w.at("file"));
+            const std::string& result = policy == StreamClosePolicy::Commit ? kNew : kOld;
+            if (failed) {
+                EXPECT_TRUE(now == kOld || now == kNew) << "mixed content, " << now.size() << " bytes";
+            } else {
+                EXPECT_TRUE(sameBytes(now, result));
+            }
+            EXPECT_EQ(w.scratchNames(), std::vector<std::string>{});
+        },
+    };
+}
+
+// --- Copies across providers ----------------------------------------------------------------
+
+const std::string kSource = pattern(4 * 1024 * 1024 + 1000, 's');  // two chunks
+
+Operation crossCopy(TransactionPolicy transaction) {
+    const bool atomic = transaction == TransactionPolicy::Atomic;
+    return {
+        [](World& w) {
+            w.put(StorageIRI(u"mem:///from/source"), kSource, *w.rawSource);
+            w.put(w.at("file"), kOld, *w.rawTarget);
+        },
+        [transaction](World& w) {
+            const StorageItem from(w.source, StorageIRI(u"mem:///from/source"));
+            const StorageItem to(w.target, w.at("file"));
+            const auto status = from.copyFile(to, CopyFileOptions{ReplacementPolicy::Overwrite, transaction,
+                                                                  [] { return InterruptSignal::Continue; }});
+            EXPECT_EQ(status, TransactionStatus::Completed);
+        },
+        // A stream failure on either side is reported against the source.
+        [](const World&, const Step& step, FaultKind kind) {
+            if (kind == FaultKind::Exception) return step.location;
+            return StorageIRI(u"mem:///from/source");
+        },
+        [atomic](World& w, bool failed) {
+            EXPECT_TRUE(sameBytes(readAll(*w.rawSource, StorageIRI(u"mem:///from/source")), kSource));
+            const std::string now = readAll(*w.rawTarget, w.at("file"));
+            if (!failed) {
+                EXPECT_TRUE(sameBytes(now, kSource));
+            } else if (atomic) {
+                EXPECT_TRUE(now == kOld || now == kSource) << "mixed content, " << now.size() << " bytes";
+            } else {
+                // Not atomic: the old content, or the part of the copy written so far.
+                EXPECT_TRUE(now == kOld || kSource.compare(0, now.size(), now) == 0)
+                    << "neither old content nor a prefix of the copy, " << now.size() << " bytes";
+            }
+            EXPECT_EQ(w.scratchNames(), std::vector<std::string>{});
+        },
+    };
+}
+
+// --- Truncation -------------------------------------------------------------------------
+
+const std::string kLong = pattern(300000, 't');
+
+Operation truncation(std::uint64_t from, std::uint64_t to) {
+    return {
+        [from](World& w) { w.put(w.at("file"), kLong.substr(0, from), *w.rawTarget); },
+        [to](World& w) { w.target->truncateToSize(w.at("file"), to); },
+        // Exceptions are reported against the file; stream failures pass unchanged.
+        [](const World& w, const Step&, FaultKind kind) -> std::optional<StorageIRI> {
+            if (kind == FaultKind::Exception) return w.at("file");
+            return std::nullopt;
+        },
+        [from, to](World& w, bool failed) {
+            const std::string now = readAll(*w.rawTarget, w.at("file"));
+            const std::string grown =
+                kLong.substr(0, std::min(from, to)) + std::string(to > from ? to - from : 0, '\0');
+            if (!failed) {
+                EXPECT_TRUE(sameBytes(now, grown));
+            } else if (to < from) {
+                // A shrink replaces the file by a move: old or new, never a mix.
+                EXPECT_TRUE(now == kLong.substr(0, from) || now == grown) << now.size() << " bytes";
+            } else {
+                // A growth appends in place: the old bytes stay, followed by some zero bytes.
+                EXPECT_TRUE(now.size() >= from && now.size() <= to && grown.compare(0, now.size(), now) == 0)
+                    << now.size() << " bytes";
+            }
+        },
+    };
+}
+
+// --- Recursive folder creation ------------------------------------------------------------
+
+Operation recursiveCreation() {
+    return {
+        [](World&) {},
+        [](World& w) { w.target->createFolderRecursive(StorageIRI(w.at("a"), u"b/c/d")); },
+        // A failed creation names the requested folder; a failed existence test passes unchanged.
+        [](const World& w, const Step& step, FaultKind) -> std::optional<StorageIRI> {
+            if (step.name == "doCreateFolder") return StorageIRI(w.at("a"), u"b/c/d");
+            return step.location;
+        },
+        [](World& w, bool failed) {
+            const StorageIRI requested(w.at("a"), u"b/c/d");
+            EXPECT_EQ(w.rawTarget->folderExists(requested), !failed);
+        },
+    };
+}
+
+// --- A poll -------------------------------------------------------------------------------
+
+std::string describe(const events::Kind& kind, const StorageIRI& entry) {
+    std::ostringstream line;
+    line << kind << ' ' << entry.toString();
+    return line.str();
+}
+
+// The events of one poll after the folder changed: one entry modified, one added, one removed.
+const std::vector<std::string>& pollEvents() {
+    static const std::vector<std::string> events = [] {
+        std::vector<std::string> lines;
+        lines.push_back(describe(events::Kind::FolderChanged, StorageIRI(u"mem:///work")));
+        lines.push_back(describe(events::Kind::EntryModified, StorageIRI(u"mem:///work/a")));
+        lines.push_back(describe(events::Kind::EntryAdded, StorageIRI(u"mem:///work/c")));
+        lines.push_back(describe(events::Kind::EntryRemoved, StorageIRI(u"mem:///work/b")));
+        return lines;
+    }();
+    return events;
+}
+
+Operation poll() {
+    return {
+        [](World& w) {
+            w.put(w.at("a"), "a", *w.rawTarget);
+            w.put(w.at("b"), "b", *w.rawTarget);
+            const auto provider = w.target;
+            // Bound to the provider as its change polling binds them.
+            w.poller = std::make_unique<SingleFolderChangePoller>(
+                w.folder,
+                [&w](const events::Kind& kind, const StorageIRI&, const StorageIRI& entry, const events::EntryType&,
+                     boost::property_tree::ptree) { w.events.push_back(describe(kind, entry)); },
+                [provider](StorageIRI folder) { return provider->listAll(folder); },
+                [provider](StorageIRI file) { return provider->getFileAttributes(file); },
+                [provider](StorageIRI folder) { return provider->getFolderAttributes(folder); },
+                std::vector<events::Kind>{events::Kind::FolderChanged, events::Kind::FolderVanished,
+                                          events::Kind::EntryAdded, events::Kind::EntryModified,
+                                          events::Kind::EntryRemoved},
+                RecursiveChangePolling::NonRecursive);
+            w.poller->buildInitialSnapshot();
+            w.put(w.at("a"), "a2", *w.rawTarget);
+            w.rawTarget->removeFile(w.at("b"));
+            w.put(w.at("c"), "c", *w.rawTarget);
+        },
+        [](World& w) {
+            w.events.clear();
+            w.poller->checkForChanges();
+        },
+        unchanged,
+        // A failed poll keeps its snapshot, so the next one reports every change.
+        [](World& w, bool failed) {
+            if (!failed) {
+                EXPECT_EQ(w.events, pollEvents());
+            }
+        },
+    };
+}
+
+// --- The sweep engine -------------------------------------------------------------------------
+
+struct Sweep {
+    const char* name;
+    Store store;
+    Defaults defaults;
+    std::function<Operation()> operation;
+    FaultKind kind;
+    ErrorCode code;
+};
+
+std::ostream& operator<<(std::ostream& out, const Sweep& sweep) { return out << sweep.name; }
+
+bool applies(FaultKind kind, const Step& step) {
+    switch (kind) {
+        case FaultKind::Exception: return true;
+        case FaultKind::StreamFailure: return step.stream;
+        case FaultKind::ShortWrite: return step.name == "write";
+    }
+    return false;
+}
+
+class FaultSweep : public ::testing::TestWithParam<Sweep> {};
+
+TEST_P(FaultSweep, EveryStepFailsCleanly) {
+    const Sweep& sweep = GetParam();
+    const Operation operation = sweep.operation();
+
+    std::vector<Step> points;
+    {
+        World clean(sweep.store, sweep.defaults);
+        operation.prepare(clean);
+        clean.plan->arm(std::nullopt);
+        ASSERT_NO_THROW(operation.run(clean));
+        operation.check(clean, false);
+        for (const Step& step : clean.plan->steps()) {
+            if (applies(sweep.kind, step)) points.push_back(step);
+        }
+    }
+    ASSERT_FALSE(points.empty());
+
+    for (const Step& point : points) {
+        SCOPED_TRACE(point.name + " #" + std::to_string(point.ordinal) + " at " +
+                     fl::i18n::to_string(point.location.toString()));
+        World w(sweep.store, sweep.defaults);
+        operation.prepare(w);
+        w.plan->arm(FaultPlan::Fault{point.name, point.ordinal, sweep.kind, sweep.code});
+        bool failed = true;
+        try {
+            operation.run(w);
+            failed = false;
+        } catch (const Exception& e) {
+            EXPECT_EQ(e.getErrorCode(), sweep.code);
+            const auto expected = operation.blame(w, *w.plan->fired(), sweep.kind);
+            if (expected) {
+                EXPECT_EQ(e.getStorageIRI(), *expected);
+            } else {
+                ADD_FAILURE() << "Exception where the stream failure should pass unchanged";
+            }
+        } catch (const ByteStreamFailure& e) {
+            EXPECT_EQ(e.getErrorCode(), sweep.code);
+            EXPECT_FALSE(operation.blame(w, *w.plan->fired(), sweep.kind).has_value())
+                << "a stream failure where an Exception with a location is documented";
+        }
+        ASSERT_TRUE(w.plan->fired().has_value()) << "the step was not reached again";
+        if (sweep.kind == FaultKind::ShortWrite) {
+            EXPECT_FALSE(failed) << "a short write is no failure";
+        }
+        operation.check(w, failed);
+
+        // Still usable: the same operation, without faults, completes.
+        w.plan->arm(std::nullopt);
+        if (failed) {
+            EXPECT_NO_THROW(operation.run(w));
+            operation.check(w, false);
+        }
+    }
+    std::cout << "[ sweep    ] " << sweep.name << ": " << points.size() << " fault points\n";
+}
+
+constexpr auto E = FaultKind::Exception;
+constexpr auto F = FaultKind::StreamFailure;
+constexpr auto W = FaultKind::ShortWrite;
+constexpr auto Mem = Store::Memory;
+constexpr auto Loc = Store::Local;
+constexpr auto Here = Defaults::Here;
+constexpr auto Native = Defaults::Target;
+
+Operation committedWrite() { return transactionalWrite(StreamClosePolicy::Commit); }
+Operation abortedWrite() { return transactionalWrite(StreamClosePolicy::Abort); }
+Operation atomicCopy() { return crossCopy(TransactionPolicy::Atomic); }
+Operation plainCopy() { return crossCopy(TransactionPolicy::NonAtomic); }
+Operation shrink() { return truncation(300000, 200000); }
+Operation grow() { return truncation(1000, 300000); }
+
+INSTANTIATE_TEST_SUITE_P(
+    Operations, FaultSweep,
+    ::testing::Values(
+        Sweep{"MemoryTransactionalWriteException", Mem, Here, committedWrite, E, ErrorCode::NoSpaceLeft},
+        Sweep{"MemoryTransactionalWriteStreamFailure", Mem, Here, committedWrite, F, ErrorCode::IOError},
+        Sweep{"MemoryTransactionalWriteShortWrite", Mem, Here, committedWrite, W, ErrorCode::IOError},
+        Sweep{"MemoryAbortedWriteException", Mem, Here, abortedWrite, E, ErrorCode::NoSpaceLeft},
+        Sweep{"MemoryAbortedWriteStreamFailure", Mem, Here, abortedWrite, F, ErrorCode::IOError},
+        Sweep{"LocalTransactionalWriteException", Loc, Native, committedWrite, E, ErrorCode::NoSpaceLeft},
+        Sweep{"LocalTransactionalWriteStreamFailure", Loc, Native, committedWrite, F, ErrorCode::IOError},
+        Sweep{"MemoryAtomicCopyException", Mem, Here, atomicCopy, E, ErrorCode::PermissionDenied},
+        Sweep{"MemoryAtomicCopyStreamFailure", Mem, Here, atomicCopy, F, ErrorCode::IOError},
+        Sweep{"MemoryAtomicCopyShortWrite", Mem, Here, atomicCopy, W, ErrorCode::IOError},
+        Sweep{"LocalAbortedWriteException", Loc, Native, abortedWrite, E, ErrorCode::NoSpaceLeft},
+        Sweep{"LocalAtomicCopyException", Loc, Native, atomicCopy, E, ErrorCode::PermissionDenied},
+        Sweep{"LocalAtomicCopyStreamFailure", Loc, Native, atomicCopy, F, ErrorCode::IOError},
+        Sweep{"MemoryCopyException", Mem, Here, plainCopy, E, ErrorCode::PermissionDenied},
+        Sweep{"MemoryCopyStreamFailure", Mem, Here, plainCopy, F, ErrorCode::IOError},
+        Sweep{"MemoryCopyShortWrite", Mem, Here, plainCopy, W, ErrorCode::IOError},
+        Sweep{"LocalCopyException", Loc, Native, plainCopy, E, ErrorCode::PermissionDenied},
+        Sweep{"LocalCopyStreamFailure", Loc, Native, plainCopy, F, ErrorCode::IOError},
+        Sweep{"MemoryShrinkException", Mem, Here, shrink, E, ErrorCode::NoSpaceLeft},
+        Sweep{"MemoryShrinkStreamFailure", Mem, Here, shrink, F, ErrorCode::IOError},
+        Sweep{"MemoryShrinkShortWrite", Mem, Here, shrink, W, ErrorCode::IOError},
+        Sweep{"MemoryGrowException", Mem, Here, grow, E, ErrorCode::NoSpaceLeft},
+        Sweep{"MemoryGrowStreamFailure", Mem, Here, grow, F, ErrorCode::IOError},
+        Sweep{"MemoryGrowShortWrite", Mem, Here, grow, W, ErrorCode::IOError},
+        Sweep{"MemoryRecursiveCreationException", Mem, Here, recursiveCreation, E, ErrorCode::PermissionDenied},
+        Sweep{"LocalRecursiveCreationException", Loc, Here, recursiveCreation, E, ErrorCode::PermissionDenied},
+        Sweep{"MemoryPollException", Mem, Here, poll, E, ErrorCode::IOError}),
+    [](const ::testing::TestParamInfo<Sweep>& line) { return std::string(line.param.name); });
+
+}  // namespace
+}  // namespace foundation::storage::provider

@@ -1,0 +1,283 @@
+#pragma once
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ForwardingProvider.h"
+#include "storage/provider/Exception.h"
+
+namespace foundation::storage::provider::testsupport {
+
+// How an injected fault shows itself.
+enum class FaultKind {
+    Exception,      // the step throws Exception(code, the location the step addressed)
+    StreamFailure,  // a stream step (read, write, close, next) throws ByteStreamFailure(code)
+    ShortWrite,     // a write stores the first half of its bytes and reports that count
+};
+
+// One step a provider or one of its streams took: a `do` member or "read", "write",
+// "close", "next"; the location it addressed (a stream's and a listing's: where it was
+// opened); and how many steps of that name, counting this one, ran since the plan was armed.
+struct Step {
+    std::string name;
+    StorageIRI location;
+    int ordinal = 0;
+    bool stream = false;  // taken by a stream or a listing rather than by the provider
+};
+
+// The steps seen and the one fault to inject, shared by every FaultInjectingProvider of a
+// test, so that an operation over two providers is swept as one sequence.
+class FaultPlan {
+public:
+    struct Fault {
+        std::string step;
+        int ordinal = 0;
+        FaultKind kind = FaultKind::Exception;
+        ErrorCode code = ErrorCode::IOError;
+    };
+
+    // Forgets the steps seen and injects `fault` (none when empty) from now on.
+    void arm(std::optional<Fault> fault) {
+        std::lock_guard lock(mutex_);
+        fault_ = std::move(fault);
+        steps_.clear();
+        counts_.clear();
+        fired_.reset();
+    }
+    std::vector<Step> steps() const {
+        std::lock_guard lock(mutex_);
+        return steps_;
+    }
+    // The step that failed, once the armed fault has been injected.
+    std::optional<Step> fired() const {
+        std::lock_guard lock(mutex_);
+        return fired_;
+    }
+
+    // Records a step; returns the fault's kind and code when this step is the one to break.
+    std::optional<Fault> take(const std::string& name, const StorageIRI& location, bool stream) {
+        std::lock_guard lock(mutex_);
+        const Step step{name, location, ++counts_[name], stream};
+        steps_.push_back(step);
+        if (!fault_ || fired_ || fault_->step != name || fault_->ordinal != step.ordinal) return std::nullopt;
+        fired_ = step;
+        return fault_;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::optional<Fault> fault_;
+    std::vector<Step> steps_;
+    std::map<std::string, int> counts_;
+    std::optional<Step> fired_;
+};
+
+// A ForwardingProvider that records every step in a FaultPlan and breaks the one the plan
+// names. Streams and listings it hands out record and break their own steps.
+//
+// With `Defaults::Here` the library's composite defaults (recursive creation, transactional
+// streams, copies, truncation) run on this object, so every primitive they call is a step of
+// their own; use it over a target that does not override them, as the memory provider. With
+// `Defaults::Target` the target's own members answer and only the calls that reach this
+// object are steps; use it for a provider with native composites, as the local one.
+class FaultInjectingProvider : public ForwardingProvider {
+public:
+    enum class Defaults { Here, Target };
+
+    FaultInjectingProvider(std::shared_ptr<IProvider> target, std::shared_ptr<FaultPlan> plan, Defaults defaults)
+        : ForwardingProvider(std::move(target)), plan_(std::move(plan)), defaults_(defaults) {}
+
+    const std::shared_ptr<FaultPlan>& plan() const { return plan_; }
+
+protected:
+    // A stream that records "read", "write" and "close" and breaks the planned one. A failing
+    // close closes the stream first, as a failing close(2) still releases the descriptor.
+    class Stream : public ByteStream {
+    public:
+        Stream(std::unique_ptr<ByteStream> owned, ByteStream& inner, const FaultInjectingProvider& provider,
+               StorageIRI location)
+            : owned_(std::move(owned)), inner_(inner), provider_(provider), location_(std::move(location)) {}
+
+    protected:
+        long doRead(char* buffer, long count) override {
+            provider_.breakStream("read", location_);
+            return inner_.read(buffer, count);
+        }
+        long doWrite(const char* buffer, long count) override {
+            if (provider_.breakStream("write", location_)) {
+                const long half = count / 2;
+                return half > 0 ? inner_.write(buffer, half) : 0;
+            }
+            return inner_.write(buffer, count);
+        }
+        std::streampos doSeek(long offset, std::ios_base::seekdir origin) override {
+            return inner_.seek(offset, origin);
+        }
+        void doClose() override {
+            const auto fault = provider_.plan_->take("close", location_, true);
+            inner_.close();
+            if (fault) provider_.raise(*fault, location_, true);
+        }
+
+    private:
+        std::unique_ptr<ByteStream> owned_;
+        ByteStream& inner_;
+        const FaultInjectingProvider& provider_;
+        StorageIRI location_;
+    };
+
+    // A target's transactional stream: its data stream's steps and a "commit" or "abort"
+    // close, broken before the target sees the close, so the target's stream stays open
+    // and its destructor aborts it.
+    class Transaction : public TransactionalStream {
+    public:
+        Transaction(std::unique_ptr<TransactionalStream> inner, const FaultInjectingProvider& provider,
+                    const StorageIRI& location)
+            : inner_(std::move(inner)), data_(nullptr, inner_->byteStream(), provider, location),
+              provider_(provider), location_(location) {}
+
+    protected:
+        void doClose(const StreamClosePolicy& policy) override {
+            const char* name = policy == StreamClosePolicy::Commit ? "commit" : "abort";
+            provider_.step(name, location_, true);
+            inner_->close(policy);
+        }
+        ByteStream& getByteStream() override { return data_; }
+
+    private:
+        std::unique_ptr<TransactionalStream> inner_;
+        Stream data_;
+        const FaultInjectingProvider& provider_;
+        StorageIRI location_;
+    };
+
+    // A listing that records each "next" and breaks the planned one.
+    class Entries : public IFolderEntryIterator {
+    public:
+        Entries(std::unique_ptr<IFolderEntryIterator> inner, const FaultInjectingProvider& provider,
+                StorageIRI location)
+            : inner_(std::move(inner)), provider_(provider), location_(std::move(location)) {}
+
+        FolderEntry get() const override { return inner_->get(); }
+        bool hasNext() override { return inner_->hasNext(); }
+        void next() override {
+            provider_.breakStream("next", location_);
+            inner_->next();
+        }
+        std::optional<std::size_t> remainingHint() const override { return inner_->remainingHint(); }
+
+    private:
+        std::unique_ptr<IFolderEntryIterator> inner_;
+        const FaultInjectingProvider& provider_;
+        StorageIRI location_;
+    };
+
+    // Records a provider step and throws when it is the planned one.
+    void step(const char* name, const StorageIRI& location, bool stream = false) const {
+        if (const auto fault = plan_->take(name, location, stream)) raise(*fault, location, stream);
+    }
+    // Records a stream step; throws for a planned failure, returns true for a planned short write.
+    bool breakStream(const char* name, const StorageIRI& location) const {
+        const auto fault = plan_->take(name, location, true);
+        if (!fault) return false;
+        if (fault->kind == FaultKind::ShortWrite) return true;
+        raise(*fault, location, true);
+        return false;
+    }
+    [[noreturn]] void raise(const FaultPlan::Fault& fault, const StorageIRI& location, bool stream) const {
+        if (stream && fault.kind != FaultKind::Exception) {
+            throw ByteStreamFailure(fault.code, "injected failure");
+        }
+        throw Exception(fault.code, location);
+    }
+    std::unique_ptr<ByteStream> wrap(std::unique_ptr<ByteStream> stream, const StorageIRI& location) const {
+        ByteStream& inner = *stream;
+        return std::make_unique<Stream>(std::move(stream), inner, *this, location);
+    }
+    bool here() const { return defaults_ == Defaults::Here; }
+
+    void doCreateFile(const StorageIRI& l) const override {
+        step("doCreateFile", l);
+        ForwardingProvider::doCreateFile(l);
+    }
+    void doCreateFolder(const StorageIRI& l) const override {
+        step("doCreateFolder", l);
+        ForwardingProvider::doCreateFolder(l);
+    }
+    void doCreateFolderRecursive(const StorageIRI& l) const override {
+        if (here()) return IProvider::doCreateFolderRecursive(l);
+        step("doCreateFolderRecursive", l);
+        ForwardingProvider::doCreateFolderRecursive(l);
+    }
+    bool doFileExists(const StorageIRI& l) const override {
+        step("doFileExists", l);
+        return ForwardingProvider::doFileExists(l);
+    }
+    bool doFolderExists(const StorageIRI& l) const override {
+        step("doFolderExists", l);
+        return ForwardingProvider::doFolderExists(l);
+    }
+    void doRemoveFile(const StorageIRI& l) const override {
+        step("doRemoveFile", l);
+        ForwardingProvider::doRemoveFile(l);
+    }
+    void doMoveFile(const StorageIRI& f, const StorageIRI& t, const ReplacementPolicy& p) const override {
+        step("doMoveFile", f);
+        ForwardingProvider::doMoveFile(f, t, p);
+    }
+    FileAttributes doGetFileAttributes(const StorageIRI& l) const override {
+        step("doGetFileAttributes", l);
+        return ForwardingProvider::doGetFileAttributes(l);
+    }
+    FolderAttributes doGetFolderAttributes(const StorageIRI& l) const override {
+        step("doGetFolderAttributes", l);
+        return ForwardingProvider::doGetFolderAttributes(l);
+    }
+    std::unique_ptr<ByteStream> doOpenStream(const StorageIRI& l, const ByteStreamOpenOptions& o) const override {
+        step("doOpenStream", l);
+        return wrap(ForwardingProvider::doOpenStream(l, o), l);
+    }
+    std::unique_ptr<ByteStream> doOpenReadOnlyStream(const StorageIRI& l) const override {
+        step("doOpenReadOnlyStream", l);
+        return wrap(ForwardingProvider::doOpenReadOnlyStream(l), l);
+    }
+    std::unique_ptr<TransactionalStream> doOpenTransactionalStream(const StorageIRI& l,
+                                                                   const ByteStreamOpenOptions& o) const override {
+        if (here()) return IProvider::doOpenTransactionalStream(l, o);
+        step("doOpenTransactionalStream", l);
+        return std::make_unique<Transaction>(ForwardingProvider::doOpenTransactionalStream(l, o), *this, l);
+    }
+    std::unique_ptr<TransactionalStream> doOpenTransactionalStreamAtScratchLocation(
+        const StorageIRI& l, const StorageIRI& s, const ByteStreamOpenOptions& o) const override {
+        if (here()) return IProvider::doOpenTransactionalStreamAtScratchLocation(l, s, o);
+        step("doOpenTransactionalStreamAtScratchLocation", l);
+        return std::make_unique<Transaction>(ForwardingProvider::doOpenTransactionalStreamAtScratchLocation(l, s, o),
+                                             *this, l);
+    }
+    std::unique_ptr<IFolderEntryIterator> doListAll(const StorageIRI& f) const override {
+        step("doListAll", f);
+        return std::make_unique<Entries>(ForwardingProvider::doListAll(f), *this, f);
+    }
+    void doCopyFile(const StorageIRI& f, const StorageIRI& t, const ReplacementPolicy& p) const override {
+        if (here()) return IProvider::doCopyFile(f, t, p);
+        step("doCopyFile", f);
+        ForwardingProvider::doCopyFile(f, t, p);
+    }
+    void doTruncateToSize(const StorageIRI& l, std::uint64_t s) const override {
+        if (here()) return IProvider::doTruncateToSize(l, s);
+        step("doTruncateToSize", l);
+        ForwardingProvider::doTruncateToSize(l, s);
+    }
+
+private:
+    std::shared_ptr<FaultPlan> plan_;
+    Defaults defaults_;
+};
+
+}  // namespace foundation::storage::provider::testsupport
