@@ -404,7 +404,9 @@ TEST(SharedProvidersStress, ThreadsKeepEveryInvariant) {
         total += count;
         std::printf("%-32s %10llu\n", kOperationNames[op], static_cast<unsigned long long>(count));
         // Each thread runs every kind once before it draws at random.
-        if (shared.maxOperations >= kOperations) EXPECT_GT(count, 0U) << kOperationNames[op];
+        if (shared.maxOperations >= kOperations) {
+            EXPECT_GT(count, 0U) << kOperationNames[op];
+        }
     }
     std::printf("%-32s %10llu\n%-32s %10llu\n", "total operations", static_cast<unsigned long long>(total),
                 "change events polled", static_cast<unsigned long long>(shared.pollEvents.load()));
