@@ -42,8 +42,10 @@ ZipProvider::ZipProvider(StorageItem container, ZipLimits limits)
 ZipProvider::~ZipProvider() { endChangePolling(); }
 
 void ZipProvider::requireOwn(const StorageIRI& location) const {
+    // No entry name holds a NUL (a stored one reads as a space), so a path with one addresses
+    // nothing; refusing it keeps a hostile name from reaching the entry spelled with a space.
     if (!location.hasInnerIRI() || location.getScheme() != kScheme ||
-        location.getInnerIRI() != container_.getLocation()) {
+        location.getInnerIRI() != container_.getLocation() || location.getPath().find(u'\0') != ustring::npos) {
         throw Exception(ErrorCode::InvalidLocation, location);
     }
 }

@@ -27,8 +27,11 @@ class WrittenFileSystems;
 // 'localhost') and the path form toStorageIRI(u"file", path) address the same file: the
 // decoded, absolute path is handed to the system as UTF-8, so non-ASCII names work. Names on
 // disk that are not valid UTF-8 are listed with U+FFFD in place of the bad bytes (and cannot
-// be addressed back). Any other scheme, a host, a container location or a relative or empty
-// path: ErrorCode::InvalidLocation.
+// be addressed back). Any other scheme, a host, a container location, a relative or empty
+// path, or a path holding a NUL: ErrorCode::InvalidLocation; so is a name or path the system
+// finds too long (ENAMETOOLONG). '.' and '..' segments reach the system with the path, which
+// resolves them as it resolves any path, each after the folder before it (which must exist):
+// the provider serves the whole file system and keeps no root of its own below "/".
 //
 // Kinds of entry: a folder is what stat(2) calls a directory, and everything else that
 // exists is a file, special files (devices, pipes, sockets) included; symbolic links are

@@ -19,7 +19,9 @@ class MemoryStore;
 // Locations: the decoded path is split at '/'; empty and '.' segments are ignored and '..'
 // removes the segment before it, stopping at the root, so no name reaches outside the store.
 // A location with another scheme, a host or a container part cannot be addressed:
-// ErrorCode::InvalidLocation. Names are compared code unit by code unit.
+// ErrorCode::InvalidLocation. Names are compared code unit by code unit; any code unit may
+// stand in a name, NUL and '\' included, names have no length limit, and a listed name joined
+// to its folder (StorageItem(folder, name)) addresses its entry again.
 //
 // Errors (each an Exception with the location concerned):
 // - ResourceNotFound: the item, or a folder on its way, is missing;

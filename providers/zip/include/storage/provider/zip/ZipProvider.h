@@ -39,12 +39,14 @@ struct ZipLimits {
 // nothing is extracted.
 //
 // Read-only: every change throws ReadOnlyProvider (IReadOnlyProvider). Locations of another
-// scheme or another container: InvalidLocation.
+// scheme or another container, and paths holding a NUL: InvalidLocation, from every
+// operation that reads, exists() included.
 //
 // Entry names: split at '/' and '\'; empty and '.' segments are ignored and '..' removes the
 // segment before it, stopping at the root (so does a location's path), so no name addresses
 // anything outside the archive's own tree, and listings never yield '.', '..' or a name with
-// a separator. A NUL in a stored name reads as a space. Where two entries claim one path, the
+// a separator. A NUL in a stored name reads as a space (a location cannot spell a NUL).
+// Names of any length are looked up as they are; an unpaired surrogate never matches. Where two entries claim one path, the
 // first in the archive's directory wins and the other cannot be addressed; a file never
 // serves as a folder. Folders that the archive lists only as parents of entries exist and
 // list like the folders it stores.
