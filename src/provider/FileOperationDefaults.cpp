@@ -86,6 +86,9 @@ void IProvider::doCopyFile(const StorageIRI& from, const StorageIRI& to, const R
     if (doFileExists(to) && (policy == ReplacementPolicy::Preserve || policy == ReplacementPolicy::NoClobber)) {
         throw Exception(ErrorCode::ResourceAlreadyExists, to);
     }
+    // Opening the destination truncates it, and with it the source: refuse rather than lose
+    // the file's content.
+    if (from == to) throw Exception(ErrorCode::InvalidLocation, to);
     auto source = doOpenReadOnlyStream(from);
     auto destination = doOpenStream(to, ByteStreamOpenOptions{ByteStreamAccess::ReadWrite, ByteStreamCreate::Create,
                                                               ByteStreamTruncate::TruncateExisting,

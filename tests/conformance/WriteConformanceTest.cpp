@@ -240,6 +240,9 @@ TEST_P(ProviderConformance, WriteCopyFiles) {
     expectError(ErrorCode::ResourceNotFound, at("missing"),
                 [&] { provider().copyFile(at("missing"), at("x"), ReplacementPolicy::Overwrite); });
     EXPECT_TRUE(errorOf([&] { provider().copyFile(at("a.txt"), at("sub"), ReplacementPolicy::Overwrite); }));
+    expectError(ErrorCode::InvalidLocation, at("a.txt"),
+                [&] { provider().copyFile(at("a.txt"), at("a.txt"), ReplacementPolicy::Overwrite); });
+    EXPECT_EQ(read("a.txt"), "alpha");
     EXPECT_EQ(entries(provider().listAll(at("sub"))), (std::set<std::string>{"b.txt", "copy.txt", "deeper/"}));
 }
 

@@ -111,7 +111,8 @@ public:
                                                                     ustring wildcard = {}) const;
 
     // Copies a file within this provider. Preserve and NoClobber fail with
-    // ResourceAlreadyExists (with `to`) before anything is opened when `to` is a file.
+    // ResourceAlreadyExists (with `to`) before anything is opened when `to` is a file; a copy
+    // of a file onto itself fails with InvalidLocation (with `to`) and leaves it as it was.
     void copyFile(const StorageIRI& from, const StorageIRI& to, const ReplacementPolicy& policy) const {
         doCopyFile(from, to, policy);
     }
