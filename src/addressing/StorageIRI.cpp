@@ -3,9 +3,13 @@
 #include <cstdint>
 #include <ostream>
 #include <stdexcept>
+#include <string_view>
+#include <type_traits>
+#include <typeinfo>
 
 #include "addressing/detail/ContainerImpl.h"
 #include "addressing/detail/FormSupport.h"
+#include "addressing/detail/HierarchicalImpl.h"
 #include "addressing/detail/MakeImpl.h"
 #include "addressing/detail/PathIRI.h"
 #include "addressing/detail/UPathIRIImpl.h"
@@ -33,6 +37,23 @@ ustring childPath(const ustring& basePath, const ustring& relative) {
         path.append(relative, 0, relative.back() == u'/' ? relative.size() - 1 : relative.size());
     }
     return path;
+}
+
+// The combination step of boost::hash_range over the code units, written out so that the
+// value never depends on the Boost version.
+template <class Char>
+std::size_t hashText(std::basic_string_view<Char> text) noexcept {
+    std::uint64_t seed = 0;
+    for (const Char c : text) {
+        std::uint64_t x = seed + 0x9e3779b9u + static_cast<std::make_unsigned_t<Char>>(c);
+        x ^= x >> 32;
+        x *= 0x0e9846af9b1a615dULL;
+        x ^= x >> 32;
+        x *= 0x0e9846af9b1a615dULL;
+        x ^= x >> 28;
+        seed = x;
+    }
+    return static_cast<std::size_t>(seed);
 }
 
 }  // namespace
@@ -81,19 +102,13 @@ bool StorageIRI::operator==(const StorageIRI& other) const { return impl_->equal
 bool StorageIRI::operator<(const StorageIRI& other) const { return impl_->less(*other.impl_); }
 
 std::size_t StorageIRI::hashValue() const {
-    // The combination step of boost::hash_range, written out so that the value never
-    // depends on the Boost version.
-    std::uint64_t seed = 0;
-    for (const char16_t c : toAsciiString()) {
-        std::uint64_t x = seed + 0x9e3779b9u + c;
-        x ^= x >> 32;
-        x *= 0x0e9846af9b1a615dULL;
-        x ^= x >> 32;
-        x *= 0x0e9846af9b1a615dULL;
-        x ^= x >> 28;
-        seed = x;
+    // A hierarchical location hashes its narrow text: the same code units, and no UTF-16
+    // copy is made for a location that is only hashed.
+    const detail::StorageIRIImpl& impl = *impl_;
+    if (typeid(impl) == typeid(detail::HierarchicalImpl)) {
+        return hashText(static_cast<const detail::HierarchicalImpl&>(impl).asciiView());
     }
-    return static_cast<std::size_t>(seed);
+    return hashText(std::u16string_view(toAsciiString()));
 }
 
 bool StorageIRI::isAncestorOf(StorageIRI other) const {

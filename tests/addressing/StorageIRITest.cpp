@@ -1,5 +1,6 @@
 #include "storage/provider/StorageIRI.h"
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <random>
@@ -467,6 +468,117 @@ TEST(StorageIRI, ManyThreadsReadOneFreshLocation) {
         EXPECT_EQ(*seen.front().resolved, u"/x/y/z.txt");
         EXPECT_EQ(seen.front().parent, iri.getParent().impl().get());
         EXPECT_EQ(*seen.front().pathText, u"file:///home/user/café/z.txt");
+    }
+}
+
+// A child location keeps only its text until asked for more: it must compare, order, hash and
+// answer every accessor exactly as the same location parsed from that text, whichever is
+// asked first.
+TEST(StorageIRI, ChildLocationsBehaveAsTheirParsedText) {
+    auto check = [](const ustring& base, const ustring& relative, const ustring& text) {
+        const std::string where = utf8(base) + " + " + utf8(relative);
+        const StorageIRI parsed(text);
+        const StorageIRI fresh(StorageIRI(base), relative);
+        // Identity first, before any other value of the child exists.
+        const ustring& ascii = parsed.toAsciiString();
+        EXPECT_EQ(fresh.hashValue(), boost::hash_range(ascii.begin(), ascii.end())) << where;
+        EXPECT_TRUE(fresh == parsed && parsed == fresh) << where;
+        EXPECT_FALSE(fresh < parsed || parsed < fresh) << where;
+        const StorageIRI after(ascii + u"x");
+        EXPECT_TRUE(fresh < after && !(after < fresh) && fresh != after) << where;
+        const StorageIRI child(StorageIRI(base), relative);
+        EXPECT_EQ(child.getPath(), parsed.getPath()) << where;
+        EXPECT_EQ(child.getName(), parsed.getName()) << where;
+        EXPECT_EQ(child.toString(), text) << where;
+        EXPECT_EQ(child.toAsciiString(), ascii) << where;
+        EXPECT_EQ(child.getScheme(), parsed.getScheme()) << where;
+        EXPECT_EQ(child.hasHost(), parsed.hasHost()) << where;
+        EXPECT_EQ(child.getHost(), parsed.getHost()) << where;
+        EXPECT_EQ(child.hasParent(), parsed.hasParent()) << where;
+        EXPECT_EQ(child.getResolvedPath(), parsed.getResolvedPath()) << where;
+        EXPECT_EQ(child.toIRI().toAsciiString(), ascii) << where;
+        EXPECT_EQ(child.toUPath().string(), parsed.toUPath().string()) << where;
+        EXPECT_EQ(child.getRoot().toString(), parsed.getRoot().toString()) << where;
+        if (parsed.hasParent()) {
+            EXPECT_EQ(child.getParent().toString(), parsed.getParent().toString()) << where;
+        }
+        EXPECT_EQ(StorageIRI(child, u"z").toString(), StorageIRI(parsed, u"z").toString()) << where;
+    };
+    check(u"mem:///bench/unchanged", u"entry-00001.dat", u"mem:///bench/unchanged/entry-00001.dat");
+    check(u"file:///a", u"/", u"file:///");
+    check(u"file:///a/b", u"c/", u"file:///a/b/c");
+    check(u"file:///a/b", u"//a//", u"file:///a//");
+    check(u"file://server/share", u"x", u"file://server/share/x");
+    check(u"http://user@host:8080/p?q=1#f", u"r s", u"http://user@host:8080/p/r%20s?q=1#f");
+    check(u"s:/x", u"y", u"s:///x/y");
+    check(u"file:///a", u"x/../y/./z", u"file:///a/x/../y/./z");
+    check(u"file:///a", u"50% off?#", u"file:///a/50%25%20off%3F%23");
+    check(u"file:///a", u"[1]", u"file:///a/%5B1%5D");
+    check(u"file:///Ünïcode", u"日本語 フォルダ", u"file:///Ünïcode/日本語%20フォルダ");
+    check(u"file:///caf%C3%A9", u"é", u"file:///café/é");
+}
+
+TEST(StorageIRI, ManyThreadsReadOneFreshChildLocation) {
+    const StorageIRI folder(u"file:///home/user/Ünïcode");
+    for (int round = 0; round < 20; ++round) {
+        const StorageIRI child(folder, u"x/./y/z.txt");
+        struct Seen {
+            const ustring* text;
+            const ustring* ascii;
+            const ustring* path;
+            const ustring* name;
+            const ustring* resolved;
+            const StorageIRIImpl* parent;
+            const StorageIRIImpl* root;
+            std::size_t hash;
+            bool equal;
+        };
+        std::vector<Seen> seen(8);
+        std::atomic<bool> go{false};
+        std::vector<std::thread> threads;
+        for (std::size_t i = 0; i < seen.size(); ++i) {
+            threads.emplace_back([&, i] {
+                while (!go.load()) {
+                    std::this_thread::yield();
+                }
+                // Each thread starts with a different value, so that every value is raced for.
+                const StorageIRI copy = child;
+                std::vector<std::function<void()>> steps = {
+                    [&] { seen[i].text = &copy.toString(); },
+                    [&] { seen[i].ascii = &child.toAsciiString(); },
+                    [&] { seen[i].path = &copy.getPath(); },
+                    [&] { seen[i].name = &child.getName(); },
+                    [&] { seen[i].resolved = &copy.getResolvedPath(); },
+                    [&] { seen[i].parent = child.getParent().impl().get(); },
+                    [&] { seen[i].root = copy.getRoot().impl().get(); },
+                    [&] { seen[i].hash = child.hashValue(); },
+                    [&] { seen[i].equal = copy == StorageIRI(u"file:///home/user/Ünïcode/x/./y/z.txt"); },
+                };
+                std::rotate(steps.begin(), steps.begin() + long(i % steps.size()), steps.end());
+                for (const auto& step : steps) {
+                    step();
+                }
+            });
+        }
+        go.store(true);
+        for (auto& thread : threads) {
+            thread.join();
+        }
+        for (const auto& s : seen) {
+            EXPECT_EQ(s.text, seen.front().text);
+            EXPECT_EQ(s.ascii, seen.front().ascii);
+            EXPECT_EQ(s.path, seen.front().path);
+            EXPECT_EQ(s.name, seen.front().name);
+            EXPECT_EQ(s.resolved, seen.front().resolved);
+            EXPECT_EQ(s.parent, seen.front().parent);
+            EXPECT_EQ(s.root, seen.front().root);
+            EXPECT_EQ(s.hash, seen.front().hash);
+            EXPECT_TRUE(s.equal);
+        }
+        EXPECT_EQ(*seen.front().text, u"file:///home/user/Ünïcode/x/./y/z.txt");
+        EXPECT_EQ(*seen.front().resolved, u"/home/user/Ünïcode/x/y/z.txt");
+        EXPECT_EQ(*seen.front().name, u"z.txt");
+        EXPECT_EQ(seen.front().parent->toString(), u"file:///home/user/Ünïcode/x/./y");
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "fl/ustring.h"
@@ -25,6 +26,11 @@ std::string message(const Parts&... parts) {
 [[noreturn]] void throwNoParent();
 [[noreturn]] void throwNoInnerIRI();
 [[noreturn]] void throwNotAbsolute(const ustring& text);
+
+// Equality of two ASCII texts of locations: a run of one or of three or more '/' after the
+// scheme match each other, and the character before the first '/' is not compared.
+bool equalAsciiTexts(std::u16string_view a, std::u16string_view b) noexcept;
+bool equalAsciiTexts(std::string_view a, std::string_view b) noexcept;
 
 // (text up to and including the last '/', text after it); ("", "/") for "/" and ("", path)
 // for a path without '/'. An empty first member means there is no parent.

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <memory>
+#include <string>
+#include <string_view>
 #include <utility>
 
 #include "addressing/detail/FormSupport.h"
@@ -9,13 +11,29 @@
 namespace foundation::storage::provider::detail {
 
 // An IRI with an authority, possibly empty: 'file:///home/a.txt', 'mem://store/a'. Built
-// from a parsed IRI (kept as is) or from its components (the IRI is composed on first use,
-// which is how parents and withPath results stay cheap until printed).
+// from a parsed IRI (kept as is), from its components, or by withPath from another one.
+//
+// Locations come by the hundred thousand (a polled folder's snapshot holds one per entry)
+// and most of them are only ordered and compared, so the object holds just its ASCII text,
+// one byte per character, which is what equality, ordering and hashing need. Everything
+// else (the parsed IRI, its components, the texts as UTF-16, path, parent, root) lives in a
+// block made on first use, each value made on first use in turn; the IRI is parsed again
+// from the text when none was kept.
 class HierarchicalImpl final : public StorageIRIImpl {
+    struct AsciiText {};
+
 public:
     explicit HierarchicalImpl(foundation::network::IRI&& iri);
     explicit HierarchicalImpl(foundation::network::IRIArgs&& args);
+    // `text` is the ASCII text of an IRI with an authority, as IRI::asciiView() gives it.
+    HierarchicalImpl(AsciiText, std::string&& text);
+    ~HierarchicalImpl() override;
 
+    // toAsciiString() without making the UTF-16 copy; valid while this object lives.
+    std::string_view asciiView() const;
+
+    bool equals(const StorageIRIImpl& other) const override;
+    bool less(const StorageIRIImpl& other) const override;
     ustring getScheme() const override;
     const std::shared_ptr<StorageIRIImpl>& getParent() const override;
     bool hasParent() const override;
@@ -35,18 +53,17 @@ public:
     StorageIRI withPath(const ustring& path) const override;
 
 private:
-    std::shared_ptr<StorageIRIImpl> withPathImpl(const ustring& path) const;
-    std::shared_ptr<StorageIRIImpl> makeParent() const;
+    struct Derived;
 
-    // One of the two is given; the other is derived from it.
-    Lazy<foundation::network::IRI> iri_;
-    Lazy<foundation::network::IRIArgs> args_;
-    Lazy<ustring> string_{[this] { return iri_.get().toString(); }};
-    Lazy<ustring> asciiString_{[this] { return iri_.get().toAsciiString(); }};
-    Lazy<ustring> path_{[this] { return iri_.get().getPath(foundation::network::Encoding::Decoded); }};
-    Lazy<std::shared_ptr<StorageIRIImpl>> parent_{[this] { return makeParent(); }};
-    Lazy<std::shared_ptr<StorageIRIImpl>> root_{[this] { return withPathImpl(u"/"); }};
-    Lazy<std::pair<ustring, ustring>> parentAndName_{[this] { return splitParentAndName(getPath()); }};
+    const Derived& derived() const;
+    const foundation::network::IRI& iri() const;
+    const std::pair<ustring, ustring>& parentAndName() const;
+    std::shared_ptr<StorageIRIImpl> withPathImpl(const ustring& path) const;
+
+    // Empty when the object was built from an IRI: then the block holds it from the start
+    // and its text is the one used.
+    std::string text_;
+    LazyBox<Derived> derived_;
 };
 
 }  // namespace foundation::storage::provider::detail

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <string_view>
 #include <type_traits>
 
 #include "addressing/detail/ContainerImpl.h"
@@ -40,24 +41,29 @@ ustring parentPathOf(const std::pair<ustring, ustring>& parentAndName) {
     return canonicalize(parentAndName.first);
 }
 
-StorageIRIImpl::StorageIRIImpl()
-    : resolvedPath_([this] {
-          const ustring& path = getPath();
-          if (path.size() < 2) {
-              return path;
-          }
-          return canonicalize(resolveDotSegments(path));
-      }) {}
+StorageIRIImpl::StorageIRIImpl() = default;
 
 StorageIRIImpl::~StorageIRIImpl() = default;
+
+const ustring& StorageIRIImpl::getResolvedPath() const {
+    return resolvedPath_.get([this] {
+        const ustring& path = getPath();
+        if (path.size() < 2) {
+            return path;
+        }
+        return canonicalize(resolveDotSegments(path));
+    });
+}
 
 namespace {
 
 // The index of the first code unit where `a` and `b` differ (the shorter size if none).
-std::size_t mismatchAt(const ustring& a, const ustring& b) noexcept {
+template <class Char>
+std::size_t mismatchAt(std::basic_string_view<Char> a, std::basic_string_view<Char> b) noexcept {
     const std::size_t n = std::min(a.size(), b.size());
+    constexpr std::size_t step = sizeof(std::uint64_t) / sizeof(Char);
     std::size_t i = 0;
-    for (; i + 4 <= n; i += 4) {
+    for (; i + step <= n; i += step) {
         std::uint64_t x;
         std::uint64_t y;
         std::memcpy(&x, a.data() + i, sizeof x);
@@ -72,47 +78,53 @@ std::size_t mismatchAt(const ustring& a, const ustring& b) noexcept {
     return i;
 }
 
-}  // namespace
-
-bool StorageIRIImpl::equals(const StorageIRIImpl& other) const {
-    if (this == &other) {
-        return true;
-    }
-    const ustring& a = toAsciiString();
-    const ustring& b = other.toAsciiString();
+template <class Char>
+bool equalTexts(std::basic_string_view<Char> a, std::basic_string_view<Char> b) noexcept {
+    constexpr auto npos = std::basic_string_view<Char>::npos;
+    constexpr Char slash = Char('/');
     const std::size_t m = mismatchAt(a, b);
     if (m == a.size() && m == b.size()) {
         return true;
     }
-    const auto p = a.find(u'/');
+    const auto p = a.find(slash);
     // Texts that agree up to and past the first run of '/' differ in the part compared
     // exactly: decided without the slower steps below.
-    if (p != ustring::npos && p < m) {
-        const auto run = a.find_first_not_of(u'/', p);
-        if (run != ustring::npos && run < m) {
+    if (p != npos && p < m) {
+        const auto run = a.find_first_not_of(slash, p);
+        if (run != npos && run < m) {
             return false;
         }
     }
-    if (p != b.find(u'/')) {
+    if (p != b.find(slash)) {
         return false;
     }
-    if (p == ustring::npos) {
+    if (p == npos) {
         return a == b;
     }
     // The code unit just before the first '/' (normally the scheme's ':') is not compared.
-    if (p > 1 && a.compare(0, p - 1, b, 0, p - 1) != 0) {
+    if (p > 1 && a.compare(0, p - 1, b.substr(0, p - 1)) != 0) {
         return false;
     }
-    const auto runA = a.find_first_not_of(u'/', p);
-    const auto runB = b.find_first_not_of(u'/', p);
-    const auto endA = runA == ustring::npos ? a.size() : runA;
-    const auto endB = runB == ustring::npos ? b.size() : runB;
+    const auto runA = a.find_first_not_of(slash, p);
+    const auto runB = b.find_first_not_of(slash, p);
+    const auto endA = runA == npos ? a.size() : runA;
+    const auto endB = runB == npos ? b.size() : runB;
     // Two slashes introduce an authority: they match no other count. One and three or more
     // are the same empty authority.
     if (endA - p != endB - p && (endA - p == 2 || endB - p == 2)) {
         return false;
     }
-    return a.size() - endA == b.size() - endB && a.compare(endA, ustring::npos, b, endB, ustring::npos) == 0;
+    return a.substr(endA) == b.substr(endB);
+}
+
+}  // namespace
+
+bool equalAsciiTexts(std::u16string_view a, std::u16string_view b) noexcept { return equalTexts(a, b); }
+
+bool equalAsciiTexts(std::string_view a, std::string_view b) noexcept { return equalTexts(a, b); }
+
+bool StorageIRIImpl::equals(const StorageIRIImpl& other) const {
+    return this == &other || equalAsciiTexts(toAsciiString(), other.toAsciiString());
 }
 
 bool StorageIRIImpl::less(const StorageIRIImpl& other) const {

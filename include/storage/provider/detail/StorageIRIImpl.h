@@ -57,13 +57,14 @@ public:
 
     // The path with '.' and '..' segments resolved and one trailing '/' removed; paths
     // shorter than two code units unchanged.
-    const ustring& getResolvedPath() const { return resolvedPath_.get(); }
+    const ustring& getResolvedPath() const;
 
 protected:
     StorageIRIImpl();
 
 private:
-    Lazy<ustring> resolvedPath_;
+    // A box rather than a Lazy: one word until asked for, which is rare.
+    LazyBox<ustring> resolvedPath_;
 };
 
 // The implementation for a parsed IRI: a container location when it is opaque
