@@ -15,6 +15,20 @@ if(QKFL_SANITIZE)
   add_link_options(-fsanitize=${_qkfl_san})
 endif()
 
+# Fuzzing: everything is built with libFuzzer's coverage instrumentation and ASan/UBSan;
+# only the fuzz targets (fuzz/CMakeLists.txt) link libFuzzer itself.
+if(QKFL_BUILD_FUZZERS)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "QKFL_BUILD_FUZZERS needs clang (libFuzzer); use the 'fuzz' preset")
+  endif()
+  if(QKFL_SANITIZE)
+    message(FATAL_ERROR "QKFL_BUILD_FUZZERS brings its own sanitizers; leave QKFL_SANITIZE empty")
+  endif()
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer
+                      -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
 # qkfl_target_defaults(<target>): warnings, hidden symbols.
 function(qkfl_target_defaults target)
   target_link_libraries(${target} PRIVATE qkfl_warnings)

@@ -225,6 +225,11 @@ TEST(StorageIRI, ParentsNamesAndRoots) {
     check(u"zip:file:///c.zip!/a/b", u"zip:file:///c.zip!/a");
     check(u"zip:file:///c.zip!/a", u"zip:file:///c.zip!/");
     check(u"file:///a%20b/c", u"file:///a%20b");
+    // A doubled '/' before the name goes with it, so the parent is still an ancestor.
+    check(u"file:///a//b", u"file:///a");
+    check(u"mem:///a://b", u"mem:///a:");
+    check(u"zip:file:///c.zip!/a//b", u"zip:file:///c.zip!/a");
+    EXPECT_TRUE(StorageIRI(u"mem:///a://b").getParent().isAncestorOf(StorageIRI(u"mem:///a://b")));
 
     const StorageIRI root(u"file:///");
     EXPECT_FALSE(root.hasParent());

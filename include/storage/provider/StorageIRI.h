@@ -69,9 +69,9 @@ public:
     // False only for the path "/" (file-system form: when the path is its own root), so an
     // empty path has a parent by this test although getParent() cannot build one.
     bool hasParent() const;
-    // The path up to its last '/', without a trailing '/' ('/a' for '/a/b' and for '/a/b/',
-    // "/" for '/a'). Throws detail::AnonymousInternalException<std::logic_error> when the
-    // path is "/" or holds no '/'.
+    // The path before its last '/', with one trailing '/' removed ('/a' for '/a/b' and for
+    // '/a//b', '/a/b' for '/a/b/', "/" for '/a'). Throws
+    // detail::AnonymousInternalException<std::logic_error> when the path is "/" or holds no '/'.
     StorageIRI getParent() const;
     // The same location with the path "/".
     StorageIRI getRoot() const;

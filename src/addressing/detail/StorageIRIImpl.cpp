@@ -29,9 +29,10 @@ std::pair<ustring, ustring> splitParentAndName(const ustring& path) {
     if (slash == ustring::npos) {
         return {ustring(), path};
     }
-    // The first member keeps its '/', so that the parent of '/a' is the root "/" rather than
-    // an empty path that would deny '/a' a parent.
-    return {path.substr(0, slash + 1), path.substr(slash + 1)};
+    // The first member is the text before the last '/', except that the parent of '/a' is the
+    // root "/" rather than an empty path that would deny '/a' a parent. Keeping that '/' in
+    // general would leave a doubled one behind: '/a//b' would get the parent '/a/'.
+    return {slash == 0 ? ustring(u"/") : path.substr(0, slash), path.substr(slash + 1)};
 }
 
 ustring parentPathOf(const std::pair<ustring, ustring>& parentAndName) {
