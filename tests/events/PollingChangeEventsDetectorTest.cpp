@@ -18,7 +18,7 @@
 
 #include <gtest/gtest.h>
 
-#include "events/FakeFolder.h"
+#include "support/FakeFolder.h"
 
 namespace foundation::storage::provider {
 namespace {

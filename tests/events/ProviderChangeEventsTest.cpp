@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "events/FakeFolder.h"
+#include "support/FakeFolder.h"
 #include "support/InstrumentedProvider.h"
 #include "support/SimpleStore.h"
 
