@@ -1,6 +1,7 @@
 #include "ProviderConformance.h"
 
 #include "fl/i18n/convert.h"
+#include "support/TestIO.h"
 
 namespace foundation::storage::provider::conformance {
 
@@ -44,12 +45,7 @@ StorageIRI ProviderConformance::at(const std::string& relative) const {
 }
 
 std::string ProviderConformance::read(const std::string& relative) const {
-    auto stream = provider().openReadOnlyStream(at(relative));
-    std::string content;
-    char buffer[1000];
-    for (long n; (n = stream->read(buffer, sizeof buffer)) != -1;) content.append(buffer, static_cast<std::size_t>(n));
-    stream->close();
-    return content;
+    return testsupport::readAll(provider(), at(relative));
 }
 
 void ProviderConformance::write(const std::string& relative, const std::string& content) const {
@@ -62,13 +58,7 @@ void ProviderConformance::write(const std::string& relative, const std::string& 
 }
 
 std::set<std::string> ProviderConformance::entries(std::unique_ptr<IFolderEntryIterator> listing) {
-    std::set<std::string> names;
-    while (listing->hasNext()) {
-        listing->next();
-        const FolderEntry entry = listing->get();
-        names.insert(fl::i18n::to_string(entry.getName()) + (entry.isFile() ? "" : "/"));
-    }
-    return names;
+    return testsupport::entrySet(std::move(listing));
 }
 
 Tree ProviderConformance::snapshot() const {
@@ -86,23 +76,11 @@ Tree ProviderConformance::snapshot() const {
 
 void ProviderConformance::expectError(ErrorCode code, const StorageIRI& location,
                                       const std::function<void()>& action) const {
-    try {
-        action();
-        ADD_FAILURE() << "expected " << code << " for " << location << ", nothing was thrown";
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.getErrorCode(), code) << "for " << location;
-        EXPECT_EQ(e.getStorageIRI(), location);
-    }
+    testsupport::expectError(code, location, action);
 }
 
 std::optional<ErrorCode> ProviderConformance::errorOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const Exception& e) {
-        return e.getErrorCode();
-    }
-    ADD_FAILURE() << "expected an Exception, nothing was thrown";
-    return std::nullopt;
+    return testsupport::errorOf(action);
 }
 
 }  // namespace foundation::storage::provider::conformance

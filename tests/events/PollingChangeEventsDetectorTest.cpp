@@ -18,7 +18,8 @@
 
 #include <gtest/gtest.h>
 
-#include "events/FakeFolder.h"
+#include "support/FakeFolder.h"
+#include "support/TestIO.h"
 
 namespace foundation::storage::provider {
 namespace {
@@ -87,12 +88,8 @@ TEST(PollingChangeEventsDetector, RegistersNothingWhenTheFirstSnapshotFails) {
     PollingChangeEventsDetector detector(events.callback(), 1ms);
     FakeFolder folder(u"mem:///g");
     folder.setMissing(true);
-    try {
-        watch(detector, folder, {Kind::EntryAdded, Kind::FolderVanished});
-        ADD_FAILURE() << "expected ResourceNotFound";
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.getErrorCode(), ErrorCode::ResourceNotFound);
-    }
+    EXPECT_EQ(testsupport::errorOf([&] { watch(detector, folder, {Kind::EntryAdded, Kind::FolderVanished}); }),
+              ErrorCode::ResourceNotFound);
     folder.setMissing(false);
     // Had the failed registration stayed, this one would be ignored.
     watch(detector, folder, {Kind::FolderChanged});

@@ -8,9 +8,10 @@
 
 #include <gtest/gtest.h>
 
-#include "events/FakeFolder.h"
+#include "support/FakeFolder.h"
 #include "support/InstrumentedProvider.h"
 #include "support/SimpleStore.h"
+#include "support/TestIO.h"
 
 namespace foundation::storage::provider {
 namespace {
@@ -85,13 +86,11 @@ TEST(ProviderChangeEvents, GettersCallTheProvidersOwnMembers) {
     // registered, so a later flat start of the same folder takes effect.
     const auto b = SimpleStore::at(u"/b");
     w.provider.clear();
-    try {
-        w.provider.startChangePollingMechanism(b, w.first.callback(), {Kind::EntryAdded}, 1h,
-                                               RecursiveChangePolling::Recursive);
-        ADD_FAILURE() << "expected UnsupportedOperation";
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.getErrorCode(), ErrorCode::UnsupportedOperation);
-    }
+    EXPECT_EQ(testsupport::errorOf([&] {
+                  w.provider.startChangePollingMechanism(b, w.first.callback(), {Kind::EntryAdded}, 1h,
+                                                         RecursiveChangePolling::Recursive);
+              }),
+              ErrorCode::UnsupportedOperation);
     EXPECT_EQ(w.calls("doListAllRecursive /b"), 1);
     w.provider.startChangePollingMechanism(b, w.first.callback(), {Kind::EntryAdded}, 1h,
                                            RecursiveChangePolling::NonRecursive);
@@ -99,13 +98,11 @@ TEST(ProviderChangeEvents, GettersCallTheProvidersOwnMembers) {
 
     // A missing folder fails the start whenever the kinds make the first snapshot read it.
     const auto missing = SimpleStore::at(u"/missing");
-    try {
-        w.provider.startChangePollingMechanism(missing, w.first.callback(), {Kind::EntryRemoved}, 1h,
-                                               RecursiveChangePolling::NonRecursive);
-        ADD_FAILURE() << "expected ResourceNotFound";
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.getErrorCode(), ErrorCode::ResourceNotFound);
-    }
+    EXPECT_EQ(testsupport::errorOf([&] {
+                  w.provider.startChangePollingMechanism(missing, w.first.callback(), {Kind::EntryRemoved}, 1h,
+                                                         RecursiveChangePolling::NonRecursive);
+              }),
+              ErrorCode::ResourceNotFound);
     EXPECT_NO_THROW(w.provider.startChangePollingMechanism(missing, w.first.callback(), {Kind::FolderVanished}, 1h,
                                                            RecursiveChangePolling::NonRecursive));
     w.provider.stopChangePollingMechanism(missing);

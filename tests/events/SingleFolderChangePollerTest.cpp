@@ -7,7 +7,8 @@
 
 #include <gtest/gtest.h>
 
-#include "events/FakeFolder.h"
+#include "support/FakeFolder.h"
+#include "support/TestIO.h"
 
 namespace foundation::storage::provider {
 namespace {
@@ -261,12 +262,7 @@ TEST(SingleFolderChangePoller, AbandonedPollKeepsTheOldSnapshot) {
     folder.put(u"c", kFile, at(1));
     folder.setTime(at(3));
     folder.failListingAt(1);
-    try {
-        poller->checkForChanges();
-        ADD_FAILURE() << "the listing's failure should pass on";
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.getErrorCode(), ErrorCode::IOError);
-    }
+    EXPECT_EQ(testsupport::errorOf([&] { poller->checkForChanges(); }), ErrorCode::IOError) << "the listing's failure";
     EXPECT_EQ(events.take(), Events{"FolderChanged /w folder"});
     folder.failListingAt(std::nullopt);
     const Events all{"FolderChanged /w folder", "EntryAdded /w/c file", "EntryRemoved /w/a file"};
@@ -302,12 +298,7 @@ TEST(SingleFolderChangePoller, MisuseFailsAsDocumented) {
     // A missing folder is not swallowed while the first snapshot is built.
     folder.setMissing(true);
     auto missing = folder.poller(events.callback(), kAllKinds);
-    try {
-        missing->buildInitialSnapshot();
-        ADD_FAILURE() << "expected ResourceNotFound";
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.getErrorCode(), ErrorCode::ResourceNotFound);
-    }
+    EXPECT_EQ(testsupport::errorOf([&] { missing->buildInitialSnapshot(); }), ErrorCode::ResourceNotFound);
     EXPECT_EQ(events.take(), Events{});
 }
 

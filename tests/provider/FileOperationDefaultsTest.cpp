@@ -10,12 +10,14 @@
 
 #include "support/InstrumentedProvider.h"
 #include "support/SimpleStore.h"
+#include "support/TestIO.h"
 
 namespace foundation::storage::provider {
 namespace {
 
 using testsupport::InstrumentedProvider;
 using testsupport::SimpleStore;
+using testsupport::expectError;
 using Calls = std::vector<std::string>;
 
 struct Fixture {
@@ -36,17 +38,6 @@ struct Fixture {
         return kept;
     }
 };
-
-template <class F>
-void expectFailure(ErrorCode code, const StorageIRI& location, F&& action) {
-    try {
-        action();
-        ADD_FAILURE() << "expected " << code << " at " << location;
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.getErrorCode(), code);
-        EXPECT_EQ(e.getStorageIRI(), location);
-    }
-}
 
 std::string pattern(std::size_t size) {
     std::string bytes(size, '\0');
@@ -83,12 +74,12 @@ protected:
 TEST(CreateFolderRecursive, MapsFailuresToTheRequestedLocation) {
     Fixture f;
     const StorageIRI root = SimpleStore::at(u"/");
-    expectFailure(ErrorCode::ResourceAlreadyExists, root, [&] { f.provider->createFolderRecursive(root); });
+    expectError(ErrorCode::ResourceAlreadyExists, root, [&] { f.provider->createFolderRecursive(root); });
     Rootless rootless(f.store);
-    expectFailure(ErrorCode::ResourceNotFound, root, [&] { rootless.createFolderRecursive(root); });
+    expectError(ErrorCode::ResourceNotFound, root, [&] { rootless.createFolderRecursive(root); });
 
     const StorageIRI deep = SimpleStore::at(u"/p/q");
-    expectFailure(ErrorCode::InvalidLocation, deep, [&] { rootless.createFolderRecursive(deep); });
+    expectError(ErrorCode::InvalidLocation, deep, [&] { rootless.createFolderRecursive(deep); });
     EXPECT_EQ(rootless.count("doCreateFolder"), 0);
 
     // '/f' is a file, so creating '/f' as a folder fails with ResourceAlreadyExists, which
@@ -96,13 +87,13 @@ TEST(CreateFolderRecursive, MapsFailuresToTheRequestedLocation) {
     f.store->put(u"/f", "");
     const StorageIRI under = SimpleStore::at(u"/f/g/h");
     f.provider->clear();
-    expectFailure(ErrorCode::ResourceAlreadyExists, under, [&] { f.provider->createFolderRecursive(under); });
+    expectError(ErrorCode::ResourceAlreadyExists, under, [&] { f.provider->createFolderRecursive(under); });
     EXPECT_EQ(f.only({"doCreateFolder "}), Calls{"doCreateFolder /f"});
 
     // With an existing parent the creation's own failure passes unchanged.
     f.store->createFolder(SimpleStore::at(u"/e"));
     f.store->put(u"/e/x", "");
-    expectFailure(ErrorCode::ResourceAlreadyExists, SimpleStore::at(u"/e/x"),
+    expectError(ErrorCode::ResourceAlreadyExists, SimpleStore::at(u"/e/x"),
                   [&] { f.provider->createFolderRecursive(SimpleStore::at(u"/e/x")); });
 }
 
@@ -133,7 +124,7 @@ TEST(CopyFile, ReplacesOrPreservesAnExistingDestination) {
     auto preserves = [&](ReplacementPolicy policy) {
         f.store->put(u"/dst", "old content");
         f.provider->clear();
-        expectFailure(ErrorCode::ResourceAlreadyExists, dst, [&] { f.provider->copyFile(src, dst, policy); });
+        expectError(ErrorCode::ResourceAlreadyExists, dst, [&] { f.provider->copyFile(src, dst, policy); });
         EXPECT_EQ(f.provider->names(), (Calls{"doCopyFile", "doFileExists"})) << "nothing may be opened";
         EXPECT_EQ(f.store->content(u"/dst"), "old content");
     };
@@ -163,14 +154,14 @@ TEST(CopyFile, StreamFailuresCarryTheSourceAndBothStreamsAreClosed) {
         throw ByteStreamFailure(ErrorCode::NoSpaceLeft, "full");
     };
     const StorageIRI src = SimpleStore::at(u"/src");
-    expectFailure(ErrorCode::NoSpaceLeft, src,
+    expectError(ErrorCode::NoSpaceLeft, src,
                   [&] { f.provider->copyFile(src, SimpleStore::at(u"/dst"), ReplacementPolicy::Overwrite); });
     EXPECT_EQ(f.only({"close", "doOpen"}),
               (Calls{"doOpenReadOnlyStream /src", "doOpenStream /dst", "close", "close"}));
 
     // Failures while opening pass unchanged.
     f.provider->writeResult = nullptr;
-    expectFailure(ErrorCode::ResourceNotFound, SimpleStore::at(u"/none"), [&] {
+    expectError(ErrorCode::ResourceNotFound, SimpleStore::at(u"/none"), [&] {
         f.provider->copyFile(SimpleStore::at(u"/none"), SimpleStore::at(u"/dst"), ReplacementPolicy::Overwrite);
     });
 }
@@ -180,7 +171,7 @@ TEST(FileOperationDefaults, UnsupportedByDefault) {
     f.store->put(u"/src", "abc");
     const StorageIRI src = SimpleStore::at(u"/src");
     bool asked = false;
-    expectFailure(ErrorCode::UnsupportedOperation, src, [&] {
+    expectError(ErrorCode::UnsupportedOperation, src, [&] {
         f.provider->copyFileAtomic(src, SimpleStore::at(u"/dst"), ReplacementPolicy::Overwrite, [&asked] {
             asked = true;
             return InterruptSignal::Continue;
@@ -190,7 +181,7 @@ TEST(FileOperationDefaults, UnsupportedByDefault) {
     EXPECT_FALSE(f.store->fileExists(SimpleStore::at(u"/dst")));
 
     f.store->createFolder(SimpleStore::at(u"/d"));
-    expectFailure(ErrorCode::UnsupportedOperation, SimpleStore::at(u"/d"),
+    expectError(ErrorCode::UnsupportedOperation, SimpleStore::at(u"/d"),
                   [&] { f.provider->removeFolderRecursively(SimpleStore::at(u"/d")); });
     EXPECT_TRUE(f.store->folderExists(SimpleStore::at(u"/d")));
 }
@@ -257,14 +248,14 @@ TEST(TruncateToSize, DeliberateShortcuts) {
 TEST(TruncateToSize, FailuresCarryTheLocation) {
     Fixture f;
     const StorageIRI file = SimpleStore::at(u"/f");
-    expectFailure(ErrorCode::ResourceNotFound, file, [&] { f.provider->truncateToSize(file, 1); });
+    expectError(ErrorCode::ResourceNotFound, file, [&] { f.provider->truncateToSize(file, 1); });
 
     f.store->put(u"/f", "abc");
     f.provider->writeResult = [](long) -> std::optional<long> {
         throw Exception(ErrorCode::NoSpaceLeft, SimpleStore::at(u"/elsewhere"));
     };
-    expectFailure(ErrorCode::NoSpaceLeft, file, [&] { f.provider->truncateToSize(file, 10); });
-    expectFailure(ErrorCode::NoSpaceLeft, file, [&] { f.provider->truncateToSize(file, 1); });
+    expectError(ErrorCode::NoSpaceLeft, file, [&] { f.provider->truncateToSize(file, 10); });
+    expectError(ErrorCode::NoSpaceLeft, file, [&] { f.provider->truncateToSize(file, 1); });
 }
 
 }  // namespace

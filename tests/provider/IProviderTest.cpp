@@ -10,29 +10,20 @@
 
 #include "support/InstrumentedProvider.h"
 #include "support/SimpleStore.h"
+#include "support/TestIO.h"
 
 namespace foundation::storage::provider {
 namespace {
 
 using testsupport::InstrumentedProvider;
 using testsupport::SimpleStore;
+using testsupport::expectError;
 using Calls = std::vector<std::string>;
 
 struct Fixture {
     std::shared_ptr<SimpleStore> store = std::make_shared<SimpleStore>();
     std::shared_ptr<InstrumentedProvider> provider = std::make_shared<InstrumentedProvider>(store);
 };
-
-template <class F>
-void expectFailure(ErrorCode code, const StorageIRI& location, F&& action) {
-    try {
-        action();
-        ADD_FAILURE() << "expected " << code << " at " << location;
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.getErrorCode(), code);
-        EXPECT_EQ(e.getStorageIRI(), location);
-    }
-}
 
 // Answers both existence tests with yes.
 class Ambiguous : public InstrumentedProvider {
@@ -87,10 +78,10 @@ TEST(IProvider, SimpleDefaults) {
     EXPECT_EQ(extended.begin(), extended.end());
     EXPECT_FALSE(p.getProviderCacheUsage(location).getSpaceAvailable().has_value());
 
-    expectFailure(ErrorCode::UnsupportedOperation, location, [&] { p.getProviderStorageInfo(location); });
-    expectFailure(ErrorCode::UnsupportedOperation, location,
+    expectError(ErrorCode::UnsupportedOperation, location, [&] { p.getProviderStorageInfo(location); });
+    expectError(ErrorCode::UnsupportedOperation, location,
                   [&] { p.setLastModified(location, boost::posix_time::second_clock::universal_time()); });
-    expectFailure(ErrorCode::UnsupportedOperation, location, [&] { p.setWritable(location, false); });
+    expectError(ErrorCode::UnsupportedOperation, location, [&] { p.setWritable(location, false); });
 
     f.provider->clear();
     f.provider->shutdown();
@@ -139,7 +130,7 @@ TEST(IProvider, MoveFolderRefusesTheFoldersOwnSubtree) {
     const StorageIRI from = SimpleStore::at(u"/a");
     auto bad = [&](const char16_t* to) {
         f.provider->clear();
-        expectFailure(ErrorCode::InvalidLocation, SimpleStore::at(to),
+        expectError(ErrorCode::InvalidLocation, SimpleStore::at(to),
                       [&] { f.provider->moveFolder(from, SimpleStore::at(to), ReplacementPolicy::Overwrite); });
         EXPECT_TRUE(f.provider->calls().empty());
     };

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "support/SimpleStore.h"
+#include "support/TestIO.h"
 
 namespace foundation::storage::provider {
 namespace {
@@ -54,13 +55,7 @@ TEST(IReadOnlyProvider, RefusesEveryChangeWithItsFirstLocation) {
                                              ByteStreamTruncate::PreserveExisting, ByteStreamAppend::Overwrite};
 
     auto check = [&](const StorageIRI& reported, const std::function<void()>& action) {
-        try {
-            action();
-            ADD_FAILURE() << "a read-only provider must refuse";
-        } catch (const Exception& e) {
-            EXPECT_EQ(e.getErrorCode(), ErrorCode::ReadOnlyProvider);
-            EXPECT_EQ(e.getStorageIRI(), reported);
-        }
+        testsupport::expectError(ErrorCode::ReadOnlyProvider, reported, action);
         EXPECT_EQ(store->paths(), before);
         EXPECT_EQ(store->content(u"/d/f"), "content");
     };
@@ -93,14 +88,7 @@ TEST(IReadOnlyProvider, ReadsAndKeepsTheOtherDefaults) {
     EXPECT_EQ(provider.exists(d), ExistenceType::AsFolder);
     EXPECT_TRUE(provider.listFiles(d, u"*.txt")->hasNext());
 
-    auto code = [](const std::function<void()>& action) {
-        try {
-            action();
-        } catch (const Exception& e) {
-            return e.getErrorCode();
-        }
-        return ErrorCode::Unknown;
-    };
+    const auto code = testsupport::errorOf;
     EXPECT_EQ(code([&] { provider.moveFolder(d, SimpleStore::at(u"/d/sub"), ReplacementPolicy::Overwrite); }),
               ErrorCode::InvalidLocation);
     EXPECT_EQ(code([&] {

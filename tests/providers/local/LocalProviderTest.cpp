@@ -22,11 +22,13 @@
 #include "LocalTestSupport.h"
 #include "fl/i18n/convert.h"
 #include "storage/provider/PathConversions.h"
+#include "support/TestIO.h"
 
 namespace foundation::storage::provider::local {
 namespace {
 
 using test::readFile;
+using testsupport::errorOf;
 using test::writeFile;
 
 const ByteStreamOpenOptions kReplace{ByteStreamAccess::ReadWrite, ByteStreamCreate::Create,
@@ -37,33 +39,20 @@ protected:
     std::string path(const std::string& relative) const { return folder_ / relative; }
     StorageIRI at(const std::string& relative) const { return test::fileIRI(path(relative)); }
 
-    std::string read(const StorageIRI& location) const {
-        auto stream = provider_->openReadOnlyStream(location);
-        std::string content;
-        char buffer[4096];
-        for (long n; (n = stream->read(buffer, sizeof buffer)) != -1;) content.append(buffer, static_cast<std::size_t>(n));
-        return content;
-    }
+    std::string read(const StorageIRI& location) const { return testsupport::readAll(*provider_, location); }
 
     // The code and location of the Exception `action` throws.
     static std::pair<ErrorCode, std::string> failure(const std::function<void()>& action) {
-        try {
-            action();
-        } catch (const Exception& e) {
-            return {e.getErrorCode(), fl::i18n::to_string(e.getStorageIRI().getPath())};
-        }
-        return {ErrorCode::Unknown, "nothing thrown"};
+        const testsupport::Failure f = testsupport::failureOf(action);
+        return {f.code, f.location ? fl::i18n::to_string(f.location->getPath()) : ""};
+    }
+    // Checks that `action` fails with `code` at `relative`.
+    void bad(ErrorCode code, const std::string& relative, const std::function<void()>& action) const {
+        EXPECT_EQ(failure(action), std::make_pair(code, path(relative))) << relative;
     }
 
-    // Names and kinds a listing yields: "name" or "name/" for a folder.
     static std::set<std::string> listed(std::unique_ptr<IFolderEntryIterator> listing) {
-        std::set<std::string> names;
-        while (listing->hasNext()) {
-            listing->next();
-            const FolderEntry entry = listing->get();
-            names.insert(fl::i18n::to_string(entry.getName()) + (entry.isFile() ? "" : "/"));
-        }
-        return names;
+        return testsupport::entrySet(std::move(listing));
     }
 
     test::TempFolder folder_;
@@ -91,15 +80,15 @@ TEST_F(LocalProviderTest, BothLocationFormsAddressTheSameFiles) {
 }
 
 TEST_F(LocalProviderTest, RefusesLocationsOutsideTheLocalFileSystem) {
-    auto bad = [&](const StorageIRI& location) {
-        EXPECT_EQ(failure([&] { provider_->fileExists(location); }).first, ErrorCode::InvalidLocation) << location;
-        EXPECT_EQ(failure([&] { provider_->createFile(location); }).first, ErrorCode::InvalidLocation) << location;
+    auto foreign = [&](const StorageIRI& location) {
+        EXPECT_EQ(errorOf([&] { provider_->fileExists(location); }), ErrorCode::InvalidLocation) << location;
+        EXPECT_EQ(errorOf([&] { provider_->createFile(location); }), ErrorCode::InvalidLocation) << location;
     };
     const ustring inside = fl::i18n::to_ustring(path("x"));
-    bad(StorageIRI(u"mem://" + inside));
-    bad(StorageIRI(u"file://elsewhere" + inside));
-    bad(StorageIRI(u"zip:file://" + inside + u"!/y"));
-    bad(toStorageIRI(u"file", u""));
+    foreign(StorageIRI(u"mem://" + inside));
+    foreign(StorageIRI(u"file://elsewhere" + inside));
+    foreign(StorageIRI(u"zip:file://" + inside + u"!/y"));
+    foreign(toStorageIRI(u"file", u""));
     EXPECT_FALSE(test::exists(path("x")));
 }
 
@@ -126,43 +115,37 @@ TEST(LocalErrorCodes, MapErrnoAsUsersExpect) {
 }
 
 TEST_F(LocalProviderTest, ReportsFailuresWithTheLocationConcerned) {
-    using Failure = std::pair<ErrorCode, std::string>;
     writeFile(path("a.txt"), "a");
     provider_->createFolder(at("dir"));
     provider_->createFolder(at("dir/sub"));
     ASSERT_EQ(::symlink(path("dir/sub").c_str(), path("into-sub").c_str()), 0);
 
     const std::string longName(NAME_MAX + 1, 'n');
-    EXPECT_EQ(failure([&] { provider_->createFile(at(longName)); }), (Failure{ErrorCode::InvalidLocation, path(longName)}));
-    EXPECT_EQ(failure([&] { provider_->moveFile(at("gone"), at("b"), ReplacementPolicy::Overwrite); }),
-              (Failure{ErrorCode::ResourceNotFound, path("gone")}));
-    EXPECT_EQ(failure([&] { provider_->moveFile(at("a.txt"), at("nowhere/b"), ReplacementPolicy::Overwrite); }),
-              (Failure{ErrorCode::ResourceNotFound, path("nowhere/b")}));
-    EXPECT_EQ(failure([&] { provider_->moveFile(at("a.txt"), at("dir"), ReplacementPolicy::Overwrite); }),
-              (Failure{ErrorCode::InvalidLocation, path("dir")}));
-    EXPECT_EQ(failure([&] { provider_->moveFile(at("dir"), at("b"), ReplacementPolicy::Overwrite); }),
-              (Failure{ErrorCode::InvalidLocation, path("dir")}));
-    EXPECT_EQ(failure([&] { provider_->moveFolder(at("a.txt"), at("b"), ReplacementPolicy::Overwrite); }),
-              (Failure{ErrorCode::InvalidLocation, path("a.txt")}));
+    bad(ErrorCode::InvalidLocation, longName, [&] { provider_->createFile(at(longName)); });
+    bad(ErrorCode::ResourceNotFound, "gone",
+        [&] { provider_->moveFile(at("gone"), at("b"), ReplacementPolicy::Overwrite); });
+    bad(ErrorCode::ResourceNotFound, "nowhere/b",
+        [&] { provider_->moveFile(at("a.txt"), at("nowhere/b"), ReplacementPolicy::Overwrite); });
+    bad(ErrorCode::InvalidLocation, "dir",
+        [&] { provider_->moveFile(at("a.txt"), at("dir"), ReplacementPolicy::Overwrite); });
+    bad(ErrorCode::InvalidLocation, "dir",
+        [&] { provider_->moveFile(at("dir"), at("b"), ReplacementPolicy::Overwrite); });
+    bad(ErrorCode::InvalidLocation, "a.txt",
+        [&] { provider_->moveFolder(at("a.txt"), at("b"), ReplacementPolicy::Overwrite); });
     // Into its own subtree through a link, which the textual check cannot see: EINVAL.
-    EXPECT_EQ(failure([&] { provider_->moveFolder(at("dir"), at("into-sub/x"), ReplacementPolicy::Overwrite); }),
-              (Failure{ErrorCode::InvalidLocation, path("into-sub/x")}));
-    EXPECT_EQ(failure([&] { provider_->removeFolder(at("into-sub")); }),
-              (Failure{ErrorCode::InvalidLocation, path("into-sub")}));
-    EXPECT_EQ(failure([&] { provider_->getFileAttributes(at("a.txt/x")); }),
-              (Failure{ErrorCode::ResourceNotFound, path("a.txt/x")}));
-    EXPECT_EQ(failure([&] { provider_->createFolder(at("a.txt/x")); }),
-              (Failure{ErrorCode::InvalidLocation, path("a.txt/x")}));
+    bad(ErrorCode::InvalidLocation, "into-sub/x",
+        [&] { provider_->moveFolder(at("dir"), at("into-sub/x"), ReplacementPolicy::Overwrite); });
+    bad(ErrorCode::InvalidLocation, "into-sub", [&] { provider_->removeFolder(at("into-sub")); });
+    bad(ErrorCode::ResourceNotFound, "a.txt/x", [&] { provider_->getFileAttributes(at("a.txt/x")); });
+    bad(ErrorCode::InvalidLocation, "a.txt/x", [&] { provider_->createFolder(at("a.txt/x")); });
 
     // A running program's file cannot be opened for writing.
     char self[PATH_MAX] = {};
     ASSERT_GT(::readlink("/proc/self/exe", self, sizeof self - 1), 0);
-    EXPECT_EQ(failure([&] {
-                  provider_->openStream(test::pathIRI(self), {ByteStreamAccess::WriteOnly, ByteStreamCreate::NeverCreate,
-                                                              ByteStreamTruncate::PreserveExisting,
-                                                              ByteStreamAppend::Overwrite});
-              }),
-              (Failure{ErrorCode::ResourceInUse, self}));
+    const ByteStreamOpenOptions writeOnly{ByteStreamAccess::WriteOnly, ByteStreamCreate::NeverCreate,
+                                          ByteStreamTruncate::PreserveExisting, ByteStreamAppend::Overwrite};
+    EXPECT_EQ(failure([&] { provider_->openStream(test::pathIRI(self), writeOnly); }),
+              std::make_pair(ErrorCode::ResourceInUse, std::string(self)));
 }
 
 TEST_F(LocalProviderTest, ReportsFilesGrownPastTheProcessLimit) {
@@ -198,28 +181,25 @@ TEST_F(LocalProviderTest, RefusesWhatPermissionsForbid) {
     ASSERT_EQ(::chmod(path("secret.txt").c_str(), 0), 0);
     ASSERT_EQ(::chmod(path("locked").c_str(), 0555), 0);
 
-    using Failure = std::pair<ErrorCode, std::string>;
-    const Failure denied{ErrorCode::PermissionDenied, path("locked/new")};
-    EXPECT_EQ(failure([&] { provider_->createFile(at("locked/new")); }), denied);
-    EXPECT_EQ(failure([&] { provider_->createFolder(at("locked/new")); }), denied);
-    EXPECT_EQ(failure([&] { provider_->openStream(at("locked/new"), kReplace); }), denied);
-    EXPECT_EQ(failure([&] { provider_->openTransactionalStream(at("locked/new"), kReplace); }), denied);
-    EXPECT_EQ(failure([&] { provider_->copyFile(at("secret.txt"), at("copy"), ReplacementPolicy::Overwrite); }),
-              (Failure{ErrorCode::PermissionDenied, path("secret.txt")}));
-    EXPECT_EQ(failure([&] { provider_->moveFile(at("locked/inside.txt"), at("out"), ReplacementPolicy::Overwrite); }),
-              (Failure{ErrorCode::PermissionDenied, path("locked/inside.txt")}));
-    EXPECT_EQ(failure([&] { provider_->openReadOnlyStream(at("secret.txt")); }),
-              (Failure{ErrorCode::PermissionDenied, path("secret.txt")}));
+    const auto denied = [&](const std::function<void()>& action) {
+        bad(ErrorCode::PermissionDenied, "locked/new", action);
+    };
+    denied([&] { provider_->createFile(at("locked/new")); });
+    denied([&] { provider_->createFolder(at("locked/new")); });
+    denied([&] { provider_->openStream(at("locked/new"), kReplace); });
+    denied([&] { provider_->openTransactionalStream(at("locked/new"), kReplace); });
+    bad(ErrorCode::PermissionDenied, "secret.txt",
+        [&] { provider_->copyFile(at("secret.txt"), at("copy"), ReplacementPolicy::Overwrite); });
+    bad(ErrorCode::PermissionDenied, "locked/inside.txt",
+        [&] { provider_->moveFile(at("locked/inside.txt"), at("out"), ReplacementPolicy::Overwrite); });
+    bad(ErrorCode::PermissionDenied, "secret.txt", [&] { provider_->openReadOnlyStream(at("secret.txt")); });
     EXPECT_FALSE(provider_->getFolderAttributes(at("locked")).isWritable());
     EXPECT_FALSE(provider_->getFileAttributes(at("secret.txt")).isWritable());
 
     ASSERT_EQ(::chmod(path("locked").c_str(), 0), 0);
-    EXPECT_EQ(failure([&] { provider_->listAll(at("locked")); }),
-              (Failure{ErrorCode::PermissionDenied, path("locked")}));
-    EXPECT_EQ(failure([&] { provider_->fileExists(at("locked/inside.txt")); }),
-              (Failure{ErrorCode::PermissionDenied, path("locked/inside.txt")}));
-    EXPECT_EQ(failure([&] { provider_->removeFolderRecursively(at("locked")); }),
-              (Failure{ErrorCode::PermissionDenied, path("locked")}));
+    bad(ErrorCode::PermissionDenied, "locked", [&] { provider_->listAll(at("locked")); });
+    bad(ErrorCode::PermissionDenied, "locked/inside.txt", [&] { provider_->fileExists(at("locked/inside.txt")); });
+    bad(ErrorCode::PermissionDenied, "locked", [&] { provider_->removeFolderRecursively(at("locked")); });
     ::chmod(path("locked").c_str(), 0755);
     EXPECT_EQ(readFile(path("locked/inside.txt")), "in");
 }
@@ -415,7 +395,6 @@ TEST_F(LocalProviderTest, StreamsReportTheirFailures) {
 TEST_F(LocalProviderTest, SmallFileSystemsFillUpAndRefuse) {
     ASSERT_EQ(::mkdir(path("small").c_str(), 0755), 0);
     if (auto reason = test::mountTmpfs(path("small"), "size=64k")) GTEST_SKIP() << *reason;
-    using Failure = std::pair<ErrorCode, std::string>;
     const std::string big(256 * 1024, 'b');
     writeFile(path("big"), big);
     writeFile(path("small/keep"), "old");
@@ -435,25 +414,23 @@ TEST_F(LocalProviderTest, SmallFileSystemsFillUpAndRefuse) {
     stream.reset();
     provider_->removeFile(at("small/full"));
 
-    EXPECT_EQ(failure([&] { provider_->copyFile(at("big"), at("small/copy"), ReplacementPolicy::Overwrite); }),
-              (Failure{ErrorCode::NoSpaceLeft, path("small/copy")}));
-    EXPECT_EQ(failure([&] { provider_->copyFileAtomic(at("big"), at("small/keep"), ReplacementPolicy::Overwrite, {}); }),
-              (Failure{ErrorCode::NoSpaceLeft, path("small/keep")}));
+    bad(ErrorCode::NoSpaceLeft, "small/copy",
+        [&] { provider_->copyFile(at("big"), at("small/copy"), ReplacementPolicy::Overwrite); });
+    bad(ErrorCode::NoSpaceLeft, "small/keep",
+        [&] { provider_->copyFileAtomic(at("big"), at("small/keep"), ReplacementPolicy::Overwrite, {}); });
     auto transaction = provider_->openTransactionalStream(at("small/keep"), kReplace);
     EXPECT_THROW(transaction->write(big.data(), static_cast<long>(big.size())), ByteStreamFailure);
     transaction.reset();
     EXPECT_EQ(test::namesIn(path("small")), std::vector<std::string>{"keep"}) << "no partial copy or scratch file";
     EXPECT_EQ(readFile(path("small/keep")), "old");
 
-    EXPECT_EQ(failure([&] { provider_->removeFolder(at("small")); }), (Failure{ErrorCode::ResourceInUse, path("small")}));
+    bad(ErrorCode::ResourceInUse, "small", [&] { provider_->removeFolder(at("small")); });
     EXPECT_EQ(failure([&] { provider_->removeFolderRecursively(at("")); }).first, ErrorCode::ResourceInUse);
     EXPECT_EQ(readFile(path("small/keep")), "old") << "the walk does not empty another file system";
 
     if (auto reason = test::remountReadOnly(path("small"))) GTEST_SKIP() << *reason;
-    EXPECT_EQ(failure([&] { provider_->createFile(at("small/new")); }),
-              (Failure{ErrorCode::ReadOnlyProvider, path("small/new")}));
-    EXPECT_EQ(failure([&] { provider_->removeFile(at("small/keep")); }),
-              (Failure{ErrorCode::ReadOnlyProvider, path("small/keep")}));
+    bad(ErrorCode::ReadOnlyProvider, "small/new", [&] { provider_->createFile(at("small/new")); });
+    bad(ErrorCode::ReadOnlyProvider, "small/keep", [&] { provider_->removeFile(at("small/keep")); });
 }
 
 TEST(LocalProviderFactory, SharesOneProviderForTheWholeFileSystem) {

@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "events/FakeFolder.h"
+#include "support/FakeFolder.h"
 
 namespace foundation::storage::provider::memory {
 namespace {

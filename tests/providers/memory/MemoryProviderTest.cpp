@@ -9,9 +9,12 @@
 #include <gtest/gtest.h>
 
 #include "fl/i18n/convert.h"
+#include "support/TestIO.h"
 
 namespace foundation::storage::provider::memory {
 namespace {
+
+using testsupport::errorOf;
 
 StorageIRI mem(const std::string& path) { return StorageIRI(fl::i18n::to_ustring("mem://" + path)); }
 
@@ -20,28 +23,9 @@ const ByteStreamOpenOptions kReadWrite{ByteStreamAccess::ReadWrite, ByteStreamCr
 
 class MemoryProviderTest : public ::testing::Test {
 protected:
-    void put(const std::string& path, const std::string& content) {
-        auto stream = provider_->openStream(mem(path), {ByteStreamAccess::WriteOnly, ByteStreamCreate::Create,
-                                                        ByteStreamTruncate::TruncateExisting,
-                                                        ByteStreamAppend::Overwrite});
-        stream->write(content.data(), static_cast<long>(content.size()));
-    }
-    static std::string drain(ByteStream& stream) {
-        std::string content;
-        char buffer[7];
-        for (long n; (n = stream.read(buffer, sizeof buffer)) != -1;) content.append(buffer, static_cast<std::size_t>(n));
-        return content;
-    }
-    std::string get(const std::string& path) const { return drain(*provider_->openReadOnlyStream(mem(path))); }
-    ErrorCode errorOf(const std::function<void()>& action) const {
-        try {
-            action();
-        } catch (const Exception& e) {
-            return e.getErrorCode();
-        }
-        ADD_FAILURE() << "nothing was thrown";
-        return ErrorCode::Unknown;
-    }
+    void put(const std::string& path, const std::string& content) { testsupport::put(*provider_, mem(path), content); }
+    static std::string drain(ByteStream& stream) { return testsupport::readAll(stream); }
+    std::string get(const std::string& path) const { return testsupport::readAll(*provider_, mem(path)); }
 
     std::shared_ptr<MemoryProvider> provider_ = makeMemoryProvider();
 };

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "providers/memory/FaultyProvider.h"
+#include "support/TestIO.h"
 
 namespace foundation::storage::provider {
 namespace {
@@ -36,27 +37,10 @@ void put(const StorageItem& item, const std::string& bytes) {
     stream->close();
 }
 
-std::string content(const StorageItem& item) {
-    auto stream = item.openReadOnlyStream();
-    std::string bytes;
-    std::vector<char> buffer(kMiB);
-    for (long n; (n = stream->read(buffer.data(), static_cast<long>(buffer.size()))) > 0;) {
-        bytes.append(buffer.data(), static_cast<std::size_t>(n));
-    }
-    return bytes;
-}
+std::string content(const StorageItem& item) { return testsupport::readAll(*item.openReadOnlyStream()); }
 
-// Every name in the folder, files and folders.
-std::vector<std::string> names(const StorageItem& folder) {
-    std::vector<std::string> all;
-    auto listing = folder.listAllNamesOnly();
-    while (listing->hasNext()) {
-        listing->next();
-        const ustring name = listing->get().getName();
-        all.emplace_back(name.begin(), name.end());
-    }
-    return all;
-}
+// Every entry in the folder ("name/" for a folder).
+std::vector<std::string> names(const StorageItem& folder) { return testsupport::namesOf(folder.listAllNamesOnly()); }
 
 // Two memory providers, each with a folder /d; faults can be injected on either side.
 class StorageItemCopy : public ::testing::Test {

@@ -1,15 +1,13 @@
 #include "storage/provider/TransactionalStream.h"
 
-#include <latch>
 #include <set>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "providers/memory/FaultyProvider.h"
 #include "storage/provider/StorageItem.h"
+#include "support/TestIO.h"
 
 namespace foundation::storage::provider {
 namespace {
@@ -30,23 +28,8 @@ protected:
         stream->write(bytes.data(), static_cast<long>(bytes.size()));
         stream->close();
     }
-    std::string content() const {
-        auto stream = target.openReadOnlyStream();
-        std::string bytes;
-        char buffer[64];
-        for (long n; (n = stream->read(buffer, sizeof buffer)) > 0;) bytes.append(buffer, static_cast<std::size_t>(n));
-        return bytes;
-    }
-    std::set<std::string> names() const {
-        std::set<std::string> all;
-        auto listing = folder.listAllNamesOnly();
-        while (listing->hasNext()) {
-            listing->next();
-            const ustring name = listing->get().getName();
-            all.emplace(name.begin(), name.end());
-        }
-        return all;
-    }
+    std::string content() const { return testsupport::readAll(*target.openReadOnlyStream()); }
+    std::set<std::string> names() const { return testsupport::entrySet(folder.listAllNamesOnly()); }
 
     std::shared_ptr<FaultyProvider> provider = std::make_shared<FaultyProvider>();
     StorageItem folder{provider, StorageIRI(u"mem:///d")};
@@ -95,39 +78,6 @@ TEST_F(TransactionalWrite, FailuresLeaveTheTargetAndRemoveTheScratchFile) {
     stream.reset();
     EXPECT_EQ(names(), onlyTarget);
     EXPECT_EQ(content(), "old");
-}
-
-TEST_F(TransactionalWrite, ConcurrentStreamsGetTheirOwnScratchFiles) {
-    constexpr int kThreads = 8;
-    constexpr int kPerThread = 250;
-    std::latch opened(kThreads + 1);
-    std::latch release(1);
-    std::vector<std::jthread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            std::vector<std::unique_ptr<TransactionalStream>> streams;
-            for (int i = 0; i < kPerThread; ++i) {
-                streams.push_back(target.openTransactionalStream(kReplace));
-                streams.back()->write("x", 1);
-            }
-            opened.arrive_and_wait();
-            release.wait();
-            // One stream per thread commits; the others abort when destroyed.
-            streams[static_cast<std::size_t>(t)]->close(StreamClosePolicy::Commit);
-        });
-    }
-    opened.arrive_and_wait();
-    std::size_t whileOpen = 0;
-    try {
-        whileOpen = names().size();
-    } catch (...) {
-        ADD_FAILURE() << "listing failed";
-    }
-    release.count_down();
-    threads.clear();
-    EXPECT_EQ(whileOpen, std::size_t{kThreads * kPerThread + 1});
-    EXPECT_EQ(names(), onlyTarget);
-    EXPECT_EQ(content(), "x");
 }
 
 }  // namespace

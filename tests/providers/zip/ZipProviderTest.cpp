@@ -19,18 +19,9 @@ namespace {
 using ziptest::Method;
 using ziptest::namesOf;
 using ziptest::readAll;
+using testsupport::errorOf;
+using testsupport::expectError;
 using Names = std::vector<std::string>;
-
-ErrorCode errorOf(const std::function<void()>& action, StorageIRI* location = nullptr) {
-    try {
-        action();
-    } catch (const Exception& e) {
-        if (location != nullptr) *location = e.getStorageIRI();
-        return e.getErrorCode();
-    }
-    ADD_FAILURE() << "nothing was thrown";
-    return ErrorCode::Unknown;
-}
 
 TEST(ZipProvider, AttributesComeFromTheArchive) {
     const std::time_t older = ziptest::kTime - 86400 * 30;
@@ -161,9 +152,7 @@ TEST(ZipProvider, RefusesLocationsOfOtherContainers) {
     const ZipProvider& zip = *archive.provider;
     auto bad = [&](const std::string& text) {
         const StorageIRI location(fl::i18n::to_ustring(text));
-        StorageIRI reported = location;
-        EXPECT_EQ(errorOf([&] { zip.exists(location); }, &reported), ErrorCode::InvalidLocation) << text;
-        EXPECT_EQ(reported, location);
+        expectError(ErrorCode::InvalidLocation, location, [&] { zip.exists(location); });
         EXPECT_EQ(errorOf([&] { zip.openReadOnlyStream(location); }), ErrorCode::InvalidLocation) << text;
     };
     bad("zip:mem:///other.zip!/a.txt");
@@ -268,9 +257,7 @@ TEST(ZipProvider, MissingContainersHoldNothing) {
         const StorageIRI entry = ziptest::zipLocation(inner, "/a.txt");
         EXPECT_EQ(zip.exists(entry), ExistenceType::AsNeither) << container;
         EXPECT_FALSE(zip.folderExists(ziptest::zipLocation(inner, "/"))) << container;
-        StorageIRI reported = inner;
-        EXPECT_EQ(errorOf([&] { zip.getFileAttributes(entry); }, &reported), code) << container;
-        EXPECT_EQ(reported, entry);
+        expectError(code, entry, [&] { zip.getFileAttributes(entry); });
         EXPECT_EQ(errorOf([&] { zip.listAll(ziptest::zipLocation(inner, "/")); }), code) << container;
     };
     check("mem:///missing.zip", ErrorCode::ResourceNotFound);

@@ -18,16 +18,7 @@ using ziptest::namesOf;
 using ziptest::readAll;
 using Names = std::vector<std::string>;
 
-// Runs `action`, which must throw Exception with `code` and `location`.
-void expectError(ErrorCode code, const StorageIRI& location, const std::function<void()>& action) {
-    try {
-        action();
-        ADD_FAILURE() << "expected " << code << " for " << location;
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.getErrorCode(), code) << location;
-        EXPECT_EQ(e.getStorageIRI(), location);
-    }
-}
+using testsupport::expectError;
 
 // Lists and reads everything in the archive behind `archive`: whatever fails must fail with
 // IOError (or UnsupportedOperation for an entry libzip cannot decode), never otherwise.

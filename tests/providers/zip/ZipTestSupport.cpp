@@ -167,37 +167,6 @@ std::string withZip64Count(const std::string& archive, std::uint64_t entries) {
     return out + end64 + locator + endRecord;
 }
 
-void put(const IProvider& provider, const StorageIRI& location, const std::string& bytes) {
-    if (location.hasParent() && !provider.folderExists(location.getParent())) {
-        provider.createFolderRecursive(location.getParent());
-    }
-    auto stream = provider.openStream(location, ByteStreamOpenOptions{ByteStreamAccess::ReadWrite,
-                                                                      ByteStreamCreate::Create,
-                                                                      ByteStreamTruncate::TruncateExisting,
-                                                                      ByteStreamAppend::Overwrite});
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-        const long n = stream->write(bytes.data() + done, static_cast<long>(bytes.size() - done));
-        require(n > 0, "cannot store");
-        done += static_cast<std::size_t>(n);
-    }
-    stream->close();
-}
-
-std::string readAll(ByteStream& stream) {
-    std::string content;
-    char buffer[8192];
-    for (long n; (n = stream.read(buffer, sizeof buffer)) != -1;) content.append(buffer, static_cast<std::size_t>(n));
-    return content;
-}
-
-std::string readAll(const IProvider& provider, const StorageIRI& location) {
-    auto stream = provider.openReadOnlyStream(location);
-    std::string content = readAll(*stream);
-    stream->close();
-    return content;
-}
-
 std::string sampleText(std::size_t size, unsigned seed) {
     static const char* const words[] = {"storage ", "archive ", "entry ", "folder ", "zip ", "stream ",
                                         "seek ",    "inflate ", "bytes ", "name\n", "deflate ", "index "};
@@ -211,16 +180,6 @@ std::string sampleText(std::size_t size, unsigned seed) {
     }
     text.resize(size);
     return text;
-}
-
-std::vector<std::string> namesOf(std::unique_ptr<IFolderEntryIterator> listing) {
-    std::vector<std::string> names;
-    while (listing->hasNext()) {
-        listing->next();
-        const FolderEntry entry = listing->get();
-        names.push_back(fl::i18n::to_string(entry.getName()) + (entry.isFile() ? "" : "/"));
-    }
-    return names;
 }
 
 StorageIRI zipLocation(const StorageIRI& inner, const std::string& path) {

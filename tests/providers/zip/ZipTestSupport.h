@@ -12,6 +12,7 @@
 #include "storage/provider/IProvider.h"
 #include "storage/provider/StorageItem.h"
 #include "storage/provider/zip/ZipProvider.h"
+#include "support/TestIO.h"
 
 namespace foundation::storage::provider::zip::ziptest {
 
@@ -69,18 +70,12 @@ std::string withRepeatedEntry(const std::string& archive, std::size_t copies);
 // directory (which still holds what it held).
 std::string withZip64Count(const std::string& archive, std::uint64_t entries);
 
-// Stores `bytes` as the file `location` of `provider` (created or replaced; folders on the
-// way are created).
-void put(const IProvider& provider, const StorageIRI& location, const std::string& bytes);
-// Reads a whole stream, or a whole file through openReadOnlyStream.
-std::string readAll(ByteStream& stream);
-std::string readAll(const IProvider& provider, const StorageIRI& location);
+using testsupport::namesOf;
+using testsupport::put;
+using testsupport::readAll;
 
 // Text of test data: deterministic, compressible but not trivially.
 std::string sampleText(std::size_t size, unsigned seed = 1);
-
-// The entries of a listing: name, then "/" for a folder.
-std::vector<std::string> namesOf(std::unique_ptr<IFolderEntryIterator> listing);
 
 // A memory store holding the archive at 'mem:///<name>', and a zip provider on it.
 struct InMemory {
