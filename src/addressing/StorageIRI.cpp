@@ -102,13 +102,17 @@ bool StorageIRI::operator==(const StorageIRI& other) const { return impl_->equal
 bool StorageIRI::operator<(const StorageIRI& other) const { return impl_->less(*other.impl_); }
 
 std::size_t StorageIRI::hashValue() const {
+    const detail::StorageIRIImpl& impl = *impl_;
+    if (const std::size_t known = impl.knownHash()) {
+        return known;
+    }
     // A hierarchical location hashes its narrow text: the same code units, and no UTF-16
     // copy is made for a location that is only hashed.
-    const detail::StorageIRIImpl& impl = *impl_;
-    if (typeid(impl) == typeid(detail::HierarchicalImpl)) {
-        return hashText(static_cast<const detail::HierarchicalImpl&>(impl).asciiView());
-    }
-    return hashText(std::u16string_view(toAsciiString()));
+    const std::size_t hash = typeid(impl) == typeid(detail::HierarchicalImpl)
+                                 ? hashText(static_cast<const detail::HierarchicalImpl&>(impl).asciiView())
+                                 : hashText(std::u16string_view(toAsciiString()));
+    impl.rememberHash(hash);
+    return hash;
 }
 
 bool StorageIRI::isAncestorOf(StorageIRI other) const {

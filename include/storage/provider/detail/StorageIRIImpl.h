@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <cstddef>
 #include <memory>
 
 #include "fl/filesystem/path.h"
@@ -59,12 +61,19 @@ public:
     // shorter than two code units unchanged.
     const ustring& getResolvedPath() const;
 
+    // StorageIRI::hashValue() of this location once computed, else 0. Remembered because an
+    // unordered container hashes its keys again on every lookup, rehash and bucket walk; a
+    // location whose hash is 0 merely computes it each time.
+    std::size_t knownHash() const noexcept { return hash_.load(std::memory_order_relaxed); }
+    void rememberHash(std::size_t hash) const noexcept { hash_.store(hash, std::memory_order_relaxed); }
+
 protected:
     StorageIRIImpl();
 
 private:
     // A box rather than a Lazy: one word until asked for, which is rare.
     LazyBox<ustring> resolvedPath_;
+    mutable std::atomic<std::size_t> hash_{0};
 };
 
 // The implementation for a parsed IRI: a container location when it is opaque
