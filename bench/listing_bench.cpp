@@ -37,12 +37,7 @@ qkfl_bench::Workspace& workspace() {
 }
 
 const std::string& bigFolder() {
-    static const std::string folder = [] {
-        std::string path = workspace().path("entries");
-        qkfl_bench::makeEmptyFiles(path, kEntries);
-        workspace().sync();
-        return path;
-    }();
+    static const std::string folder = qkfl_bench::makeEntriesFolder(workspace(), kEntries);
     return folder;
 }
 

@@ -76,6 +76,15 @@ inline void makeEmptyFiles(const std::string& path, int count) {
     }
 }
 
+// The folder "entries" of `workspace` holding `count` empty files, written back to disk so
+// that the first case timed does not pay for making it.
+inline std::string makeEntriesFolder(const Workspace& workspace, int count) {
+    std::string path = workspace.path("entries");
+    makeEmptyFiles(path, count);
+    workspace.sync();
+    return path;
+}
+
 // Interleaves the repetitions of different benchmarks, so that a slow spell of a shared
 // machine does not fall on one side of a comparison only; then runs as BENCHMARK_MAIN does.
 inline int run(int argc, char** argv) {
