@@ -18,6 +18,12 @@ namespace detail {
 class StorageIRIImpl;
 }
 
+// The deepest container nesting a location may have ('zip:zip:file:///a.zip!/b.zip!/c' has
+// two levels). Deeper text fails to parse like any malformed container location, and providers
+// refuse to open archives nested deeper, so neither the parser nor a chain of open archives
+// can exhaust the stack or memory.
+inline constexpr std::size_t kMaxContainerNesting = 32;
+
 // The address of a stored file or folder: an immutable, cheaply copied value of one of
 // three forms:
 // - a hierarchical IRI with an authority: 'file:///home/user/a.txt', 'mem:///a/b';
