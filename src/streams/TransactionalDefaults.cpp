@@ -2,6 +2,7 @@
 // target, commit by moving it over the target, abort by removing it.
 
 #include <string>
+#include <string_view>
 
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid.hpp>
@@ -14,18 +15,44 @@ namespace foundation::storage::provider {
 
 namespace {
 
-// "." + a random version-4 UUID in its 36-character lower-case form + ".tmp.bak".
+constexpr std::size_t kUuidLength = 36;
+constexpr std::string_view kScratchSuffix = ".tmp.bak";
+
+template <typename Char>
+bool hasScratchForm(std::basic_string_view<Char> name) {
+    if (name.size() != 1 + kUuidLength + kScratchSuffix.size() || name.front() != Char('.')) {
+        return false;
+    }
+    for (std::size_t i = 0; i < kUuidLength; ++i) {
+        const Char c = name[1 + i];
+        const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
+        const bool hex = (c >= Char('0') && c <= Char('9')) || (c >= Char('a') && c <= Char('f'));
+        if (dash ? c != Char('-') : !hex) {
+            return false;
+        }
+    }
+    for (std::size_t i = 0; i < kScratchSuffix.size(); ++i) {
+        if (name[1 + kUuidLength + i] != Char(kScratchSuffix[i])) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
 ustring makeScratchName() {
     // The generator is not thread-safe; one per thread keeps concurrent opens lock-free.
     thread_local boost::uuids::random_generator generator;
     const std::string uuid = boost::uuids::to_string(generator());
     ustring name = u".";
     name.append(uuid.begin(), uuid.end());  // ASCII only
-    name += u".tmp.bak";
+    name.append(kScratchSuffix.begin(), kScratchSuffix.end());
     return name;
 }
 
-}  // namespace
+bool isScratchName(std::u16string_view name) { return hasScratchForm(name); }
+bool isScratchName(std::string_view name) { return hasScratchForm(name); }
 
 std::unique_ptr<TransactionalStream> IProvider::openTransactionalStream(const StorageIRI& location,
                                                                         const ByteStreamOpenOptions& options) const {

@@ -4,6 +4,7 @@
 #include <functional>
 #include <ios>
 #include <memory>
+#include <string_view>
 
 #include "storage/provider/ByteStream.h"
 #include "storage/provider/Export.h"
@@ -11,6 +12,14 @@
 #include "storage/provider/Options.h"
 
 namespace foundation::storage::provider {
+
+// The name a transactional write gives its scratch file beside the target: "." + a random
+// version-4 UUID in its 36-character lower-case form + ".tmp.bak". Any thread may call it.
+QKFL_STORAGE_EXPORT ustring makeScratchName();
+// Whether `name` has the form makeScratchName() gives, so that watchers and tools can tell
+// the library's own scratch files from the user's files.
+QKFL_STORAGE_EXPORT bool isScratchName(std::u16string_view name);
+QKFL_STORAGE_EXPORT bool isScratchName(std::string_view name);
 
 // A stream whose bytes reach their target only when it is closed with Commit; Abort (or
 // destruction without a close) leaves the target as it was. One thread at a time, except
