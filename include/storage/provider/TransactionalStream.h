@@ -6,6 +6,7 @@
 #include <memory>
 #include <string_view>
 
+#include "fl/ustring.h"
 #include "storage/provider/ByteStream.h"
 #include "storage/provider/Export.h"
 #include "storage/provider/GenericByteStreamDevice.h"
@@ -15,7 +16,7 @@ namespace foundation::storage::provider {
 
 // The name a transactional write gives its scratch file beside the target: "." + a random
 // version-4 UUID in its 36-character lower-case form + ".tmp.bak". Any thread may call it.
-QKFL_STORAGE_EXPORT ustring makeScratchName();
+QKFL_STORAGE_EXPORT fl::ustring makeScratchName();
 // Whether `name` has the form makeScratchName() gives, so that watchers and tools can tell
 // the library's own scratch files from the user's files.
 QKFL_STORAGE_EXPORT bool isScratchName(std::u16string_view name);
