@@ -267,16 +267,5 @@ TEST_F(LocalReplaceTest, AfterAFailedFlushOnlyAbortRemains) {
     expectNoScratch(folder);
 }
 
-// A copy to a new file gets the source's permission bits less the umask, as cp(1) does.
-TEST_F(LocalReplaceTest, NewCopiesTakeTheSourcesMode) {
-    const std::string folder = caseFolder("mode");
-    ::chmod((folder + "/new").c_str(), 0600);
-    const StorageIRI source = test::fileIRI(folder + "/new");
-    provider_->copyFile(source, test::fileIRI(folder + "/plain"), ReplacementPolicy::Overwrite);
-    provider_->copyFileAtomic(source, test::fileIRI(folder + "/atomic"), ReplacementPolicy::Overwrite, {});
-    EXPECT_EQ(metadataOf(folder + "/plain").mode, 0600U);
-    EXPECT_EQ(metadataOf(folder + "/atomic").mode, 0600U);
-}
-
 }  // namespace
 }  // namespace foundation::storage::provider::local
