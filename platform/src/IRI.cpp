@@ -67,7 +67,14 @@ void appendEscape(std::string& out, unsigned byte) {
     out.append(escape, 3);
 }
 
+// nextCodePoint's value for a byte that is not UTF-8 (fl/i18n/convert.h): kRawByte + byte.
+constexpr char32_t kRawByte = 0x110000;
+
 void appendEscapedUtf8(std::string& out, char32_t cp) {
+    if (cp >= kRawByte) {
+        appendEscape(out, cp - kRawByte);  // the byte as it was
+        return;
+    }
     if (cp < 0x800) {
         appendEscape(out, 0xC0 | (cp >> 6));
     } else if (cp < 0x10000) {
@@ -81,12 +88,15 @@ void appendEscapedUtf8(std::string& out, char32_t cp) {
     appendEscape(out, 0x80 | (cp & 0x3F));
 }
 
-// Reads the non-ASCII character at text[i] and advances i; ill-formed input is U+FFFD.
+// Reads the non-ASCII character at text[i] and advances i. A byte that is not UTF-8 (a lone
+// U+DC80..U+DCFF in UTF-16, an ill-formed byte in UTF-8) is kRawByte + byte; any other
+// ill-formed input is U+FFFD.
 char32_t nextCodePoint(std::u16string_view text, std::size_t& i) {
     const char16_t c = text[i++];
     if (c >= 0xD800 && c <= 0xDBFF && i < text.size() && text[i] >= 0xDC00 && text[i] <= 0xDFFF) {
         return 0x10000 + ((static_cast<char32_t>(c) - 0xD800) << 10) + (text[i++] - 0xDC00);
     }
+    if (c >= 0xDC80 && c <= 0xDCFF) return kRawByte + (c - 0xDC00);
     if (c >= 0xD800 && c <= 0xDFFF) return 0xFFFD;
     return c;
 }
@@ -97,8 +107,9 @@ char32_t nextCodePoint(std::string_view text, std::size_t& i) {
     auto index = static_cast<int32_t>(i);
     UChar32 cp = 0;
     U8_NEXT(s, index, length, cp);
+    if (cp < 0) return kRawByte + s[i++];  // one byte at a time
     i = static_cast<std::size_t>(index);
-    return cp < 0 ? char32_t{0xFFFD} : static_cast<char32_t>(cp);
+    return static_cast<char32_t>(cp);
 }
 
 // [begin, end) of the authority of a whole reference, or an empty range.

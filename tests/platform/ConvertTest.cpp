@@ -22,17 +22,24 @@ TEST(Convert, ConvertsValidText) {
     check(std::string("a\0b", 3), fl::ustring(u"a\0b", 3));
 }
 
-TEST(Convert, SubstitutesInvalidText) {
-    auto fromUtf8 = [](const std::string& utf8, const fl::ustring& utf16) { EXPECT_EQ(to_ustring(utf8), utf16) << utf8; };
-    fromUtf8("a\xc3(", u"a\ufffd(");
-    fromUtf8("\xff", u"\ufffd");
-    fromUtf8("\xf0\x9f\x98", u"\ufffd");       // truncated sequence
-    fromUtf8("\xed\xa0\x80", u"\ufffd\ufffd\ufffd");  // encoded surrogate
-    fromUtf8("\xc0\xaf", u"\ufffd\ufffd");      // overlong '/'
+// Bytes that are not UTF-8 become U+DC00 + byte and convert back to the same bytes; other
+// unpaired surrogates become U+FFFD.
+TEST(Convert, KeepsBytesThatAreNotUtf8) {
+    auto roundTrip = [](const std::string& utf8, const fl::ustring& utf16) {
+        EXPECT_EQ(to_ustring(utf8), utf16) << utf8;
+        EXPECT_EQ(to_string(utf16), utf8) << utf8;
+    };
+    roundTrip("a\xc3(", u"a\xdcc3(");
+    roundTrip("\xff", u"\xdcff");
+    roundTrip("\xf0\x9f\x98", u"\xdcf0\xdc9f\xdc98");       // truncated sequence
+    roundTrip("\xed\xa0\x80", u"\xdced\xdca0\xdc80");       // encoded surrogate
+    roundTrip("\xc0\xaf", u"\xdcc0\xdcaf");                 // overlong '/'
+    roundTrip("caf\xc3\xa9\xe9", u"caf\u00e9\xdce9");
     auto fromUtf16 = [](const fl::ustring& utf16, const std::string& utf8) { EXPECT_EQ(to_string(utf16), utf8) << utf8; };
     fromUtf16(u"a\xd800", "a\xef\xbf\xbd");
     fromUtf16(u"\xdc00x", "\xef\xbf\xbdx");
     fromUtf16(u"\xdc00\xd800", "\xef\xbf\xbd\xef\xbf\xbd");
+    fromUtf16(u"\xdcc3\xdca9", "\xc3\xa9");  // escapes that spell a character are its bytes
 }
 
 TEST(Convert, LowerCasesBeyondAscii) {

@@ -16,7 +16,8 @@ using ustring_view = std::u16string_view;
 
 namespace std {
 
-// Writes UTF-16 text to a narrow stream as UTF-8. Unpaired surrogates become U+FFFD.
+// Writes UTF-16 text to a narrow stream as fl::i18n::to_string converts it: UTF-8, with
+// U+DC80..U+DCFF as the bytes they stand for and other unpaired surrogates as U+FFFD.
 QKFL_PLATFORM_EXPORT std::ostream& operator<<(std::ostream& out, const std::u16string& text);
 
 }  // namespace std

@@ -1,9 +1,12 @@
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "Native.h"
 #include "storage/provider/ByteStream.h"
+#include "storage/provider/Options.h"
+#include "storage/provider/TransactionalStream.h"
 
 namespace foundation::storage::provider::local::detail {
 
@@ -32,5 +35,16 @@ private:
     Fd fd_;
     std::string path_;
 };
+
+// A transactional stream writing the fresh scratch file `fd` (at `scratchPath`, beside
+// `targetPath`, the file `location` leads to) that commits durably: the scratch file takes the
+// target's metadata again (adoptTarget), is flushed to disk (fsync) and closed, renamed over
+// the target, and the folder is flushed, so that after a crash the target holds its old
+// content or its new. When the flush or the close fails, the data may be lost: that commit
+// and every later one throw Exception(IOError, location), and only Abort is left.
+std::unique_ptr<TransactionalStream> openDurableTransactionalStream(Fd fd, const std::string& scratchPath,
+                                                                    const StorageIRI& location,
+                                                                    const std::string& targetPath,
+                                                                    const ByteStreamOpenOptions& options);
 
 }  // namespace foundation::storage::provider::local::detail

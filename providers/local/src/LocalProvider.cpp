@@ -45,78 +45,6 @@ ListingRequest request(ListingRequest::Select select, bool namesOnly, const ustr
     return result;
 }
 
-// --- Durable transactional streams ----------------------------------------------------
-
-// A transactional stream over a scratch file that commits durably: fsync the scratch file,
-// rename it over the target, fsync the folder.
-class DurableTransactionalStream final : public TransactionalStream {
-public:
-    DurableTransactionalStream(std::unique_ptr<ByteStream> stream, FileStream& file, StorageIRI target,
-                               std::string targetPath, std::string scratchPath)
-        : stream_(std::move(stream)), file_(file), target_(std::move(target)), targetPath_(std::move(targetPath)),
-          scratchPath_(std::move(scratchPath)) {}
-
-    ~DurableTransactionalStream() override {
-        try {
-            close(StreamClosePolicy::Abort);
-        } catch (...) {
-            // A destructor must not throw; the scratch file may stay behind.
-        }
-    }
-
-protected:
-    void doClose(const StreamClosePolicy& policy) override {
-        if (closed_.exchange(true)) return;
-        try {
-            if (policy == StreamClosePolicy::Commit) {
-                commit();
-            } else {
-                abort();
-            }
-        } catch (...) {
-            // Open again, so that a failed commit can still be aborted.
-            closed_.store(false);
-            throw;
-        }
-    }
-
-    ByteStream& getByteStream() override { return *stream_; }
-
-private:
-    void commit() {
-        if (!renamed_) {
-            if (file_.fd() >= 0 && ::fsync(file_.fd()) != 0) throwErrno(errno, target_);
-            try {
-                stream_->close();
-            } catch (const ByteStreamFailure& failure) {
-                throw Exception(failure.getErrorCode(), target_);
-            }
-            if (::rename(scratchPath_.c_str(), targetPath_.c_str()) != 0) throwCreationErrno(errno, target_);
-            renamed_ = true;
-        }
-        // The new name on disk too, or a crash could bring back the old file.
-        if (const int error = syncFolder(parentPath(targetPath_))) throwErrno(error, target_);
-    }
-
-    void abort() {
-        if (renamed_) return;  // committed already; only the folder's flush had failed
-        try {
-            stream_->close();
-        } catch (const ByteStreamFailure&) {
-            // The scratch file goes anyway.
-        }
-        if (::unlink(scratchPath_.c_str()) != 0 && errno != ENOENT) throwErrno(errno, target_);
-    }
-
-    std::unique_ptr<ByteStream> stream_;
-    FileStream& file_;
-    StorageIRI target_;
-    std::string targetPath_;
-    std::string scratchPath_;
-    bool renamed_ = false;
-    std::atomic<bool> closed_{false};
-};
-
 // --- Change polling that never ends the process ---------------------------------------
 
 // Whether a getter runs in a poll (on the detector's thread) rather than for the first
@@ -371,30 +299,7 @@ std::unique_ptr<ByteStream> LocalProvider::doOpenReadOnlyStream(const StorageIRI
 
 std::unique_ptr<TransactionalStream> LocalProvider::doOpenTransactionalStreamAtScratchLocation(
     const StorageIRI& location, const StorageIRI& scratch, const ByteStreamOpenOptions& options) const {
-    const std::string targetPath = nativePath(location);
-    const std::string scratchPath = nativePath(scratch);
-    struct stat st {};
-    const bool exists = ::stat(targetPath.c_str(), &st) == 0;
-    if (!exists) {
-        const int error = errno;
-        if (error != ENOENT) throwCreationErrno(error, location);
-        if (options.create == ByteStreamCreate::NeverCreate) throwErrno(ENOENT, location);
-    } else if (S_ISDIR(st.st_mode)) {
-        throwError(ErrorCode::InvalidLocation, location);
-    }
-    // The scratch name is fresh whatever the options say: it is created, empty.
-    int flags = O_CREAT | O_EXCL | O_CLOEXEC | (options.access == ByteStreamAccess::WriteOnly ? O_WRONLY : O_RDWR);
-    if (options.append == ByteStreamAppend::Append) flags |= O_APPEND;
-    Fd fd(retry([&] { return ::open(scratchPath.c_str(), flags, 0666); }));
-    if (!fd) throwCreationErrno(errno, location);
-    if (exists) ::fchmod(fd.get(), st.st_mode & 07777);  // the target keeps its permissions
-    written_->noteDescriptor(fd.get(), parentPath(targetPath));
-
-    auto file = std::make_unique<FileStream>(std::move(fd), scratchPath);
-    FileStream& raw = *file;
-    std::unique_ptr<ByteStream> opened = std::move(file);
-    std::unique_ptr<ByteStream> stream = SafeByteStream::open(opened, options);
-    return std::make_unique<DurableTransactionalStream>(std::move(stream), raw, location, targetPath, scratchPath);
+    return detail::openTransactional(location, scratch, options, *written_);
 }
 
 // --- Listings ----------------------------------------------------------------------------

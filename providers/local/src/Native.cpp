@@ -8,11 +8,9 @@
 #include <stdexcept>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
-#include <boost/uuid/random_generator.hpp>
-#include <boost/uuid/uuid.hpp>
-#include <boost/uuid/uuid_io.hpp>
 
 #include "fl/i18n/convert.h"
+#include "storage/provider/TransactionalStream.h"
 #include "storage/provider/local/LocalProvider.h"
 
 namespace foundation::storage::provider::local {
@@ -95,6 +93,10 @@ std::string_view lastElement(std::string_view path) {
 }
 
 void throwError(ErrorCode code, const StorageIRI& location) { throw Exception(code, location); }
+
+void throwError(ErrorCode code, const StorageIRI& location, const std::string& reason) {
+    throw addExceptionContext(Exception(code, location), fl::i18n::to_ustring(reason));
+}
 
 void throwErrno(int error, const StorageIRI& location) { throw Exception(toErrorCode(error), location); }
 
@@ -194,10 +196,10 @@ FolderAttributes folderAttributes(const struct stat& st, const SharedPath& path,
     return attributes;
 }
 
-std::string scratchName() {
-    // The generator is not thread-safe; one per thread.
-    thread_local boost::uuids::random_generator generator;
-    return "." + boost::uuids::to_string(generator()) + ".tmp.bak";
+std::string scratchPathIn(const std::string& folder) {
+    std::string path = folder;
+    if (path.empty() || path.back() != '/') path += '/';
+    return path + fl::i18n::to_string(makeScratchName());
 }
 
 int syncFolder(const std::string& folder) noexcept {

@@ -28,6 +28,8 @@ std::string parentPath(std::string_view path);
 std::string_view lastElement(std::string_view path);
 
 [[noreturn]] void throwError(ErrorCode code, const StorageIRI& location);
+// The same, with the reason in words on top of the exception's contexts.
+[[noreturn]] void throwError(ErrorCode code, const StorageIRI& location, const std::string& reason);
 [[noreturn]] void throwErrno(int error, const StorageIRI& location);
 // For a call that creates `location`: ENOTDIR means a file stands where a folder must be.
 [[noreturn]] void throwCreationErrno(int error, const StorageIRI& location);
@@ -92,8 +94,8 @@ FolderAttributes folderAttributes(const struct stat& st, const SharedPath& path,
 // Whether a name is hidden (starts with '.').
 inline bool isHiddenName(std::string_view name) { return !name.empty() && name.front() == '.'; }
 
-// A fresh hidden scratch name for beside a target: "." + random UUID + ".tmp.bak".
-std::string scratchName();
+// `folder` + '/' + a fresh scratch name (makeScratchName()), for a scratch file or folder there.
+std::string scratchPathIn(const std::string& folder);
 
 // fsync(2) of a folder, for the durability of the names in it.
 int syncFolder(const std::string& folder) noexcept;

@@ -340,6 +340,34 @@ TEST_F(LocalProviderTest, ListsNamesWildcardsAndSubtrees) {
     EXPECT_FALSE(names->get().getFileAttributes());
 }
 
+// A name that is not UTF-8 lists with each stray byte as U+DC80 + byte, and that name reads,
+// writes, moves, removes and watches the file it came from.
+TEST_F(LocalProviderTest, NamesThatAreNotUtf8RoundTrip) {
+    test::EventLog log(folder_.path());
+    provider_->publishFolderEventsFor(at(""), log.callback(), {events::Kind::EntryAdded},
+                                      RecursiveFileWatching::NonRecursive);
+    for (const std::string raw : {"\xE9", "caf\xC3\xA9\xFF", "\xF0\x9F\x98", "\xED\xA0\x80"}) {
+        SCOPED_TRACE(testing::PrintToString(raw));
+        writeFile(path(raw), "old");
+        EXPECT_TRUE(log.waitFor("EntryAdded " + raw + " file"));
+        ustring name;
+        for (auto listing = provider_->listAllNamesOnly(at("")); listing->hasNext();) {
+            listing->next();
+            if (fl::i18n::to_string(listing->get().getName()) == raw) name = listing->get().getName();
+        }
+        const StorageIRI file(at(""), name);
+        EXPECT_EQ(read(file), "old");
+        testsupport::put(*provider_, file, "new");
+        EXPECT_EQ(readFile(path(raw)), "new");
+        const StorageIRI moved(at(""), name + u"\xDCFF");
+        provider_->moveFile(file, moved, ReplacementPolicy::Overwrite);
+        EXPECT_EQ(readFile(path(raw + "\xFF")), "new");
+        provider_->removeFile(moved);
+        EXPECT_EQ(test::namesIn(folder_.path()), std::vector<std::string>{});
+    }
+    provider_->stopPublishingFolderEventsFor(at(""));
+}
+
 TEST_F(LocalProviderTest, LeavesOutEntriesThatVanishWhileListed) {
     constexpr int kFiles = 20;
     for (int i = 0; i < kFiles; ++i) writeFile(path("f" + std::to_string(i)), "x");

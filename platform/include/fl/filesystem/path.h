@@ -22,7 +22,8 @@ public:
     const ustring& string() const noexcept { return text_; }
     // '/'-separated form.
     ustring generic_string() const;
-    // The native form, UTF-8, for system calls.
+    // The native form for system calls: UTF-8, where U+DC80..U+DCFF stand for the bytes of a
+    // name that are not UTF-8, as fl::i18n::to_ustring gave them (fl/i18n/convert.h).
     std::string native() const;
 
     bool empty() const noexcept { return text_.empty(); }

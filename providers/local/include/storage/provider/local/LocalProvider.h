@@ -25,9 +25,12 @@ class WrittenFileSystems;
 //
 // Locations: a hierarchical location 'file:///home/user/notes.txt' (no host, or
 // 'localhost') and the path form toStorageIRI(u"file", path) address the same file: the
-// decoded, absolute path is handed to the system as UTF-8, so non-ASCII names work. Names on
-// disk that are not valid UTF-8 are listed with U+FFFD in place of the bad bytes (and cannot
-// be addressed back). Any other scheme, a host, a container location, a relative or empty
+// decoded, absolute path is handed to the system as UTF-8, so non-ASCII names work. A name on
+// disk that is not valid UTF-8 keeps its bytes: each byte that is not part of a UTF-8
+// character is listed (and watched) as the lone surrogate U+DC80..U+DCFF (U+DC00 + the byte),
+// which converts back to that byte (fl/i18n/convert.h), so the listed name reads, writes,
+// moves and removes the file; in a location's text it is the escape of the byte ('%E9').
+// Escapes that spell a UTF-8 character name the same file as the character. Any other scheme, a host, a container location, a relative or empty
 // path, or a path holding a NUL: ErrorCode::InvalidLocation; so is a name or path the system
 // finds too long (ENAMETOOLONG). '.' and '..' segments reach the system with the path, which
 // resolves them as it resolves any path, each after the folder before it (which must exist):
@@ -70,20 +73,40 @@ class WrittenFileSystems;
 // into a hidden scratch folder, renamed into place, and the source tree removed.
 //
 // Writes that must survive a crash: a transactional stream writes a hidden scratch file
-// "." + UUID + ".tmp.bak" beside the target (always created fresh and empty, with the
-// target's permission bits when it exists; NeverCreate requires the target to exist). Commit
-// flushes the scratch file to disk (fsync), renames it over the target and flushes the
-// folder, so after a power cut the target holds either the old or the new content. Abort,
-// or destruction without a close, removes the scratch file.
+// "." + UUID + ".tmp.bak" (always created fresh and empty; NeverCreate requires the target
+// to exist) beside the file the target names: through a symbolic link, or a chain of them, the
+// file the last link leads to, which is replaced while the links stay links. Commit flushes
+// the scratch file to disk (fsync), renames it over the target and flushes the folder, so
+// after a power cut the target holds either the old or the new content. When that flush or
+// the close fails, the data may be lost: the commit throws IOError for the target, so does
+// every later one, and only Abort (or destruction without a close) is left, which removes the
+// scratch file.
+//
+// An atomic replace (that commit, and copyFileAtomic onto an existing file) keeps what the
+// user set on the target: owner and group, the extended attributes this process can read
+// (POSIX ACLs included; those the target lacks are not carried over from the folder's
+// defaults), permission bits with set-user-ID and set-group-ID. It is refused, before any
+// data is written and again at the commit, leaving the target as it was:
+// - PermissionDenied when this process could not write the target in place
+//   (faccessat(W_OK, AT_EACCESS): a 0444 file for an ordinary user), although the folder would
+//   let the rename through;
+// - PermissionDenied when the replacement cannot keep the target's owner or group (an
+//   ordinary user replacing another user's group-writable file): the new file would belong to
+//   the caller, taking the file from its owner;
+// - UnsupportedOperation for a target with several hard links, which a rename would part: the
+//   other names would keep the old content. Write such a file in place (openStream).
 //
 // Copies: copyFile and copyFileAtomic use copy_file_range(2), which shares blocks where the
 // file system can, and fall back to read/write where it cannot. Only regular files are copied
-// (anything else: UnsupportedOperation). The copy gets the source's permission bits, less the
-// umask. copyFile with Preserve or NoClobber creates the destination exclusively;
-// a failed copyFile removes the partly written destination. copyFileAtomic copies into a
-// scratch file beside the destination, asks `interrupt` before each chunk after the first
-// (chunks of 4 MiB), and commits durably as above; Aborted, or a failure, leaves the
-// destination as it was. hasFeature: RecursiveFolderRemoval and NativeAtomicCopy.
+// (anything else: UnsupportedOperation). A new file gets the source's permission bits, less
+// the umask, as cp(1) gives them; copyFile into an existing file keeps that file's.
+// copyFile with Preserve or NoClobber creates the destination exclusively; a failed copyFile
+// removes the partly written destination. copyFileAtomic copies into a scratch file beside
+// the file the destination names and replaces it as above (links followed, what the user set
+// kept, the same refusals); it asks `interrupt` before each chunk after the first; Aborted, or
+// a failure, leaves the destination as it was. Chunks: 4 MiB between two questions to
+// `interrupt` (and the buffer where copy_file_range cannot copy); without `interrupt`,
+// 1 GiB per copy_file_range call. hasFeature: RecursiveFolderRemoval and NativeAtomicCopy.
 //
 // removeFolderRecursively works below one open folder with openat/unlinkat and never
 // follows a symbolic link, even when a folder is replaced by a link while it runs (the link
