@@ -89,7 +89,7 @@ private:
             try {
                 stream_->close();
             } catch (const ByteStreamFailure& failure) {
-                throw Exception(failure.getErrorCode(), target_);
+                throw streamFailureAt(failure, target_);
             }
             if (::rename(scratchPath_.c_str(), targetPath_.c_str()) != 0) throwCreationErrno(errno, target_);
             renamed_ = true;

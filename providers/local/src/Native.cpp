@@ -13,6 +13,7 @@
 #include <boost/uuid/uuid_io.hpp>
 
 #include "fl/i18n/convert.h"
+#include "storage/provider/Extensions.h"
 #include "storage/provider/local/LocalProvider.h"
 
 namespace foundation::storage::provider::local {
@@ -61,6 +62,7 @@ bool isFileScheme(const ustring& scheme) {
 }  // namespace
 
 std::string nativePath(const StorageIRI& location) {
+    refuseQueryOrFragment(location);
     if (location.hasInnerIRI() || !isFileScheme(location.getScheme())) {
         throwError(ErrorCode::InvalidLocation, location);
     }

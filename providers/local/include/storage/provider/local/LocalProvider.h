@@ -27,8 +27,8 @@ class WrittenFileSystems;
 // 'localhost') and the path form toStorageIRI(u"file", path) address the same file: the
 // decoded, absolute path is handed to the system as UTF-8, so non-ASCII names work. Names on
 // disk that are not valid UTF-8 are listed with U+FFFD in place of the bad bytes (and cannot
-// be addressed back). Any other scheme, a host, a container location, a relative or empty
-// path, or a path holding a NUL: ErrorCode::InvalidLocation; so is a name or path the system
+// be addressed back). Any other scheme, a host, a container location, a query or a fragment,
+// a relative or empty path, or a path holding a NUL: ErrorCode::InvalidLocation; so is a name or path the system
 // finds too long (ENAMETOOLONG). '.' and '..' segments reach the system with the path, which
 // resolves them as it resolves any path, each after the folder before it (which must exist):
 // the provider serves the whole file system and keeps no root of its own below "/".
@@ -133,7 +133,8 @@ class WrittenFileSystems;
 // of one thread per stream.
 class LocalProvider : public IProvider,
                       public extensions::IFlushableFilesystem,
-                      public extensions::IInvalidatable {
+                      public extensions::IInvalidatable,
+                      public extensions::IFileIdentity {
 public:
     LocalProvider();
     ~LocalProvider() override;
@@ -202,6 +203,8 @@ protected:
 
     void doFlushFilesystem() override;
     void doInvalidate(const StorageIRI& location) override;
+    // The device and inode after following links: the same for every name of a file.
+    std::optional<extensions::FileIdentity> doGetFileIdentity(const StorageIRI& location) const override;
 
 private:
     detail::ChangeNotifier& notifier() const;
