@@ -4,32 +4,16 @@
 
 #include "storage/provider/Exception.h"
 #include "storage/provider/Extensions.h"
-#include "storage/provider/GenericByteStreamDevice.h"
 #include "storage/provider/TransactionalStream.h"
+#include "streams/ChunkedCopy.h"
 
 namespace foundation::storage::provider {
 
 namespace {
 
-constexpr long kCopyChunkSize = 4L * 1024 * 1024;
-
-// Writes all of `count` bytes unless the target takes none; false when it took none.
-template <class Device>
-bool writeChunk(const Device& device, const char* buffer, long count) {
-    while (count > 0) {
-        const long written = device.write(buffer, count);
-        if (written <= 0) {
-            return false;
-        }
-        buffer += written;
-        count -= written;
-    }
-    return true;
-}
-
 // Closes the source last on every path; its failure cannot change the copy's outcome.
 struct SourceCloser {
-    const GenericByteStreamDevice<ByteStream>& source;
+    ByteStream& source;
     ~SourceCloser() {
         try {
             source.close();
@@ -37,25 +21,6 @@ struct SourceCloser {
         }
     }
 };
-
-// Copies what follows the first chunk. The callback, when given, is asked before each
-// further read. Returns false when the callback asked to stop.
-template <class Device>
-bool copyRest(const GenericByteStreamDevice<ByteStream>& source, const Device& target, char* buffer,
-              long firstCount, const std::function<InterruptSignal()>& interrupt) {
-    bool wrote = firstCount > 0 && writeChunk(target, buffer, firstCount);
-    while (wrote) {
-        if (interrupt && interrupt() == InterruptSignal::Abort) {
-            return false;
-        }
-        const long count = source.read(buffer, kCopyChunkSize);
-        if (count <= 0) {
-            break;
-        }
-        wrote = writeChunk(target, buffer, count);
-    }
-    return true;
-}
 
 }  // namespace
 
@@ -177,6 +142,10 @@ TransactionStatus StorageItem::copyFile(const StorageItem& target, const CopyFil
     if (target.fileExists() && (policy == ReplacementPolicy::Preserve || policy == ReplacementPolicy::NoClobber)) {
         throw Exception(ErrorCode::ResourceAlreadyExists, target.location_);
     }
+    // Opening the target for writing would truncate the source: refuse before either is opened.
+    if (isSameStoredFile(*provider_, location_, *target.provider_, target.location_)) {
+        throw Exception(ErrorCode::InvalidLocation, target.location_);
+    }
     if (hasSameProviderInstance(target)) {
         if (options.transactionPolicy == TransactionPolicy::NonAtomic && !options.interruptCallback) {
             provider_->copyFile(location_, target.location_, policy);
@@ -190,37 +159,34 @@ TransactionStatus StorageItem::copyFile(const StorageItem& target, const CopyFil
     try {
         return copyStreamed(target, options);
     } catch (const ByteStreamFailure& failure) {
-        // Reported against the source, whichever side failed.
-        throw Exception(failure.getErrorCode(), location_);
+        throw streamFailureAt(failure, location_);
     }
 }
 
 TransactionStatus StorageItem::copyStreamed(const StorageItem& target, const CopyFileOptions& options) const {
-    std::unique_ptr<ByteStream> sourceStream = openReadOnlyStream();
-    const GenericByteStreamDevice<ByteStream> source(sourceStream);
-    const SourceCloser closeSourceLast{source};
+    const std::unique_ptr<ByteStream> source = openReadOnlyStream();
+    const SourceCloser closeSourceLast{*source};
 
-    const auto buffer = std::make_unique<char[]>(kCopyChunkSize);
     // Read before the target is opened, so that an unreadable source leaves it untouched.
-    const long firstCount = source.read(buffer.get(), kCopyChunkSize);
+    detail::Chunk chunk(detail::kStreamedCopyChunk);
+    chunk.readFrom(*source);
 
     const ByteStreamOpenOptions targetOptions{ByteStreamAccess::ReadWrite, ByteStreamCreate::Create,
                                               ByteStreamTruncate::TruncateExisting, ByteStreamAppend::Overwrite};
+    const auto refused = detail::RefusedWrite::EndCopy;
     if (options.transactionPolicy == TransactionPolicy::Atomic) {
-        std::unique_ptr<TransactionalStream> targetStream = target.openTransactionalStream(targetOptions);
         // Destroying the stream unclosed, on any failure below, aborts it.
-        const TransactionalStreamDevice targetDevice(targetStream);
-        if (!copyRest(source, targetDevice, buffer.get(), firstCount, options.interruptCallback)) {
-            targetDevice.close(StreamClosePolicy::Abort);
+        const std::unique_ptr<TransactionalStream> targetStream = target.openTransactionalStream(targetOptions);
+        if (!detail::copyChunks(*source, *targetStream, chunk, refused, options.interruptCallback)) {
+            targetStream->close(StreamClosePolicy::Abort);
             return TransactionStatus::Aborted;
         }
-        targetDevice.close(StreamClosePolicy::Commit);
+        targetStream->close(StreamClosePolicy::Commit);
         return TransactionStatus::Completed;
     }
-    std::unique_ptr<ByteStream> targetStream = target.openStream(targetOptions);
-    const GenericByteStreamDevice<ByteStream> targetDevice(targetStream);
-    const bool completed = copyRest(source, targetDevice, buffer.get(), firstCount, options.interruptCallback);
-    targetDevice.close();
+    const std::unique_ptr<ByteStream> targetStream = target.openStream(targetOptions);
+    const bool completed = detail::copyChunks(*source, *targetStream, chunk, refused, options.interruptCallback);
+    targetStream->close();
     return completed ? TransactionStatus::Completed : TransactionStatus::Aborted;
 }
 

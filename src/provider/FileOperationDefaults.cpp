@@ -5,19 +5,24 @@
 #include <stdexcept>
 #include <vector>
 
-#include <boost/iostreams/copy.hpp>
-#include <boost/uuid/random_generator.hpp>
-#include <boost/uuid/uuid_io.hpp>
-
-#include "fl/i18n/convert.h"
-#include "storage/provider/GenericByteStreamDevice.h"
+#include "storage/provider/Extensions.h"
 #include "storage/provider/IProvider.h"
+#include "storage/provider/TransactionalStream.h"
+#include "streams/ChunkedCopy.h"
 
 namespace foundation::storage::provider {
 namespace {
 
-constexpr long kCopyBufferSize = 4096;
 constexpr std::uint64_t kChunkSize = 131072;
+constexpr std::size_t kUuidLength = 36;
+
+// Closes `stream`, ignoring a failure: another failure is already on its way.
+void closeQuietly(ByteStream& stream) noexcept {
+    try {
+        stream.close();
+    } catch (...) {
+    }
+}
 
 // Writes `count` bytes in freshly zeroed chunks of at most kChunkSize, each filled by `fill`
 // first, so memory stays bounded whatever the size. Each chunk is written whole, the rest
@@ -30,11 +35,7 @@ void writeChunked(ByteStream& out, std::uint64_t count, Fill fill) {
         const auto size = static_cast<long>(std::min(count, kChunkSize));
         std::vector<char> buffer(static_cast<std::size_t>(size));
         fill(buffer.data(), size);
-        for (long done = 0; done < size;) {
-            const long written = out.write(buffer.data() + done, size - done);
-            if (written <= 0) return;
-            done += std::min(written, size - done);
-        }
+        if (!detail::writeWhole(out, buffer.data(), size)) return;
         count -= static_cast<std::uint64_t>(size);
     }
 }
@@ -73,7 +74,7 @@ void IProvider::doCreateFolderRecursive(const StorageIRI& location) const {
         try {
             doCreateFolder(folder);
         } catch (const Exception& e) {
-            throw Exception(e.getErrorCode(), location);
+            throw relocate(e, location);
         }
     }
 }
@@ -86,22 +87,34 @@ void IProvider::doCopyFile(const StorageIRI& from, const StorageIRI& to, const R
     if (doFileExists(to) && (policy == ReplacementPolicy::Preserve || policy == ReplacementPolicy::NoClobber)) {
         throw Exception(ErrorCode::ResourceAlreadyExists, to);
     }
-    // Opening the destination truncates it, and with it the source: refuse rather than lose
-    // the file's content.
-    if (from == to) throw Exception(ErrorCode::InvalidLocation, to);
+    // Opening the destination truncates it, and with it the source when both name one file:
+    // refuse rather than lose the file's content.
+    if (isSameStoredFile(*this, from, *this, to)) throw Exception(ErrorCode::InvalidLocation, to);
     auto source = doOpenReadOnlyStream(from);
     auto destination = doOpenStream(to, ByteStreamOpenOptions{ByteStreamAccess::ReadWrite, ByteStreamCreate::Create,
                                                               ByteStreamTruncate::TruncateExisting,
                                                               ByteStreamAppend::Overwrite});
-    GenericByteStreamDevice<ByteStream> in(source);
-    GenericByteStreamDevice<ByteStream> out(destination);
     try {
-        // Reads 4096 bytes at a time; writes each chunk in full, retrying after partial
-        // writes, except that a write of -1 drops the rest of that chunk. Closes the source,
-        // then the destination, also when something fails.
-        boost::iostreams::copy(in, out, kCopyBufferSize);
+        try {
+            // A write that takes nothing drops the rest of its chunk and the copy goes on.
+            detail::Chunk chunk(detail::kDefaultCopyChunk);
+            chunk.readFrom(*source);
+            detail::copyChunks(*source, *destination, chunk, detail::RefusedWrite::DropChunk, {});
+        } catch (...) {
+            closeQuietly(*source);
+            closeQuietly(*destination);
+            throw;
+        }
+        // The source first, then the destination; the first failure travels on.
+        try {
+            source->close();
+        } catch (...) {
+            closeQuietly(*destination);
+            throw;
+        }
+        destination->close();
     } catch (const ByteStreamFailure& failure) {
-        throw Exception(failure.getErrorCode(), from);
+        throw streamFailureAt(failure, from);
     }
 }
 
@@ -134,8 +147,10 @@ void IProvider::expandFile(const StorageIRI& location, std::uint64_t currentSize
 
 void IProvider::shrinkFile(const StorageIRI& location, std::uint64_t newSize) const {
     auto source = doOpenReadOnlyStream(location);
-    const std::string uuid = boost::uuids::to_string(boost::uuids::random_generator()());
-    const StorageIRI scratch(location.toString() + fl::i18n::to_ustring(uuid));
+    // The location's text with a bare UUID appended: the scratch name's UUID, without the
+    // leading '.' and the ".tmp.bak" around it.
+    const ustring name = makeScratchName();
+    const StorageIRI scratch(location.toString() + name.substr(1, kUuidLength));
     auto destination = doOpenStream(scratch, ByteStreamOpenOptions{ByteStreamAccess::WriteOnly, ByteStreamCreate::Create,
                                                                    ByteStreamTruncate::TruncateExisting,
                                                                    ByteStreamAppend::Overwrite});

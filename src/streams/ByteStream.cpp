@@ -1,6 +1,9 @@
 #include "storage/provider/ByteStream.h"
 
+#include <string>
 #include <utility>
+
+#include "fl/i18n/convert.h"
 
 namespace foundation::storage::provider {
 
@@ -10,6 +13,18 @@ ByteStreamFailure::ByteStreamFailure(const ErrorCode& code, const std::string& m
     : std::ios_base::failure(message, ec), code_(code) {}
 
 ByteStreamFailure::~ByteStreamFailure() = default;
+
+Exception streamFailureAt(const ByteStreamFailure& failure, const StorageIRI& location) {
+    Exception e(failure.getErrorCode(), location);
+    // what() ends with the error code's own text ("...: iostream error"), which says nothing.
+    std::string message = failure.what();
+    const std::string tail = ": " + failure.code().message();
+    if (message.size() > tail.size() && message.compare(message.size() - tail.size(), tail.size(), tail) == 0) {
+        message.resize(message.size() - tail.size());
+    }
+    e.pushExceptionContext(ExceptionContext(fl::i18n::to_ustring(message)));
+    return e;
+}
 
 ByteStreamWriteFailure::ByteStreamWriteFailure()
     : ByteStreamFailure(ErrorCode::IOError, "Stream was not opened for writing.", std::io_errc::stream) {}

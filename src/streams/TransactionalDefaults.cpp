@@ -78,7 +78,7 @@ std::unique_ptr<TransactionalStream> IProvider::doOpenTransactionalStreamAtScrat
             provider->doRemoveFile(scratch);
         }
     };
-    return std::make_unique<GenericTransactionalStream<ByteStream>>(stream, onClose);
+    return std::make_unique<GenericTransactionalStream<ByteStream>>(stream, onClose, location);
 }
 
 }  // namespace foundation::storage::provider

@@ -2,6 +2,9 @@
 
 #include <utility>
 
+#include "fl/i18n/convert.h"
+#include "storage/provider/Exception.h"
+
 namespace foundation::storage::provider {
 
 TransactionalStream::~TransactionalStream() = default;
@@ -18,6 +21,11 @@ GenericTransactionalStream<ByteStream>::GenericTransactionalStream(
     std::unique_ptr<ByteStream>& stream, const std::function<void(const StreamClosePolicy&)>& onClose)
     : stream_(std::move(stream)), onClose_(onClose) {}
 
+GenericTransactionalStream<ByteStream>::GenericTransactionalStream(
+    std::unique_ptr<ByteStream>& stream, const std::function<void(const StreamClosePolicy&)>& onClose,
+    StorageIRI target)
+    : stream_(std::move(stream)), onClose_(onClose), target_(std::move(target)) {}
+
 GenericTransactionalStream<ByteStream>::~GenericTransactionalStream() {
     try {
         close(StreamClosePolicy::Abort);
@@ -31,7 +39,24 @@ void GenericTransactionalStream<ByteStream>::doClose(const StreamClosePolicy& po
         return;
     }
     try {
-        stream_->close();
+        // A failed close is retried as far as it can be: a commit whose move failed moves
+        // again, since the data stream closed cleanly; after the data stream failed to close
+        // nothing vouches for the scratch file's bytes, so only an abort may follow, and the
+        // data stream is not closed twice (a failed close(2) has released the descriptor).
+        if (data_ == Data::Lost && policy == StreamClosePolicy::Commit) {
+            const char* reason = "the written data did not all reach storage; the stream can only be aborted";
+            if (!target_) throw ByteStreamFailure(ErrorCode::IOError, reason);
+            throw addExceptionContext(Exception(ErrorCode::IOError, *target_), fl::i18n::to_ustring(reason));
+        }
+        if (data_ == Data::Open) {
+            try {
+                stream_->close();
+            } catch (...) {
+                data_ = Data::Lost;
+                throw;
+            }
+            data_ = Data::Closed;
+        }
         onClose_(policy);
     } catch (...) {
         // Open again, so that a failed commit can still be aborted.

@@ -22,6 +22,7 @@
 #include <gtest/gtest.h>
 
 #include "storage/provider/IProvider.h"
+#include "storage/provider/StorageItem.h"
 
 namespace foundation::storage::provider::conformance {
 
@@ -56,6 +57,11 @@ struct ProviderCase {
     // For providers that cannot be written through their own interface: a provider whose
     // root already holds `tree`. When empty, the suite writes the tree through the provider.
     std::function<ProviderUnderTest(const Tree&)> makePopulatedProvider;
+    // For stores where one file can have several names: makes `alias` a hard link (or, with
+    // `symbolic`, a symbolic link) to `file`. Empty: the suite has no links to try.
+    std::function<void(const StorageIRI& file, const StorageIRI& alias, bool symbolic)> makeLink;
+    // Another provider object over the store of `subject`; empty when there can be none.
+    std::function<std::shared_ptr<IProvider>(const ProviderUnderTest& subject)> makeSameStoreProvider;
 };
 
 void PrintTo(const ProviderCase& providerCase, std::ostream* out);
@@ -71,6 +77,9 @@ protected:
     IProvider& mutableProvider() { return *subject_->provider; }
     // The location `relative` to the working folder (empty: the folder itself).
     StorageIRI at(const std::string& relative) const;
+    // The same as an item of the provider under test.
+    StorageItem item(const std::string& relative) const { return StorageItem(subject_->provider, at(relative)); }
+    const ProviderUnderTest& subject() const { return *subject_; }
 
     // Reads a whole file through openReadOnlyStream.
     std::string read(const std::string& relative) const;

@@ -240,10 +240,75 @@ TEST_P(ProviderConformance, WriteCopyFiles) {
     expectError(ErrorCode::ResourceNotFound, at("missing"),
                 [&] { provider().copyFile(at("missing"), at("x"), ReplacementPolicy::Overwrite); });
     EXPECT_TRUE(errorOf([&] { provider().copyFile(at("a.txt"), at("sub"), ReplacementPolicy::Overwrite); }));
-    expectError(ErrorCode::InvalidLocation, at("a.txt"),
-                [&] { provider().copyFile(at("a.txt"), at("a.txt"), ReplacementPolicy::Overwrite); });
-    EXPECT_EQ(read("a.txt"), "alpha");
     EXPECT_EQ(entries(provider().listAll(at("sub"))), (std::set<std::string>{"b.txt", "copy.txt", "deeper/"}));
+}
+
+// A copy onto another name of its own source would truncate the source: every path refuses it
+// with InvalidLocation and the target before anything is written.
+TEST_P(ProviderConformance, WriteCopyOntoAnAlias) {
+    const StorageItem file = item("a.txt");
+    std::vector<StorageItem> aliases{file, item("./a.txt"), item("sub/../a.txt")};
+    Tree expected = standardTree();
+    if (GetParam().makeLink) {
+        GetParam().makeLink(at("a.txt"), at("hard.txt"), false);
+        GetParam().makeLink(at("a.txt"), at("soft.txt"), true);
+        aliases.insert(aliases.end(), {item("hard.txt"), item("soft.txt")});
+        expected["hard.txt"] = expected["soft.txt"] = "alpha";
+    }
+    if (GetParam().makeSameStoreProvider) {
+        aliases.emplace_back(GetParam().makeSameStoreProvider(subject()), at("a.txt"));
+    }
+    auto refused = [&](const StorageItem& alias, const std::function<void()>& copy) {
+        if (can().writable) {
+            expectError(ErrorCode::InvalidLocation, alias.getLocation(), copy);
+        } else {
+            const ErrorCode code = errorOf(copy).value_or(ErrorCode::Unknown);
+            EXPECT_TRUE(code == ErrorCode::InvalidLocation || code == ErrorCode::ReadOnlyProvider) << code;
+        }
+        EXPECT_EQ(read("a.txt"), "alpha");
+    };
+    for (const StorageItem& alias : aliases) {
+        SCOPED_TRACE(alias.getLocation());
+        if (alias.hasSameProviderInstance(file)) {
+            refused(alias, [&] { provider().copyFile(at("a.txt"), alias.getLocation(), ReplacementPolicy::Overwrite); });
+        }
+        for (const auto transaction : {TransactionPolicy::NonAtomic, TransactionPolicy::Atomic}) {
+            for (const bool withCallback : {false, true}) {
+                CopyFileOptions options{ReplacementPolicy::Overwrite, transaction, {}};
+                if (withCallback) options.interruptCallback = [] { return InterruptSignal::Continue; };
+                refused(alias, [&] { file.copyFile(alias, options); });
+            }
+        }
+    }
+    EXPECT_EQ(snapshot(), expected) << "nothing written, no scratch file left";
+}
+
+// A query or a fragment is no part of a stored name: such a location must not reach the file
+// named without it, for reading or for changing.
+TEST_P(ProviderConformance, WriteQueryOrFragmentAddressesNothing) {
+    const ErrorCode change = can().writable ? ErrorCode::InvalidLocation : ErrorCode::ReadOnlyProvider;
+    for (const char16_t* suffix : {u"?old", u"#2", u"?", u"#"}) {
+        const StorageIRI location(at("a.txt").toString() + suffix);
+        SCOPED_TRACE(location);
+        auto refused = [&](ErrorCode code, const std::function<void()>& call) {
+            try {
+                call();
+                ADD_FAILURE() << "no exception";
+            } catch (const Exception& e) {
+                EXPECT_EQ(e.getErrorCode(), code);
+                if (code != ErrorCode::InvalidLocation) return;
+                EXPECT_EQ(e.getStorageIRI(), location);
+                EXPECT_FALSE(e.getExceptionContextsString().empty()) << "no reason given";
+            }
+        };
+        refused(ErrorCode::InvalidLocation, [&] { provider().fileExists(location); });
+        refused(ErrorCode::InvalidLocation, [&] { provider().getFileAttributes(location); });
+        refused(ErrorCode::InvalidLocation, [&] { provider().openReadOnlyStream(location); });
+        refused(change, [&] { provider().openStream(location, kReplace); });
+        refused(change, [&] { provider().removeFile(location); });
+        refused(change, [&] { provider().copyFile(at("sub/b.txt"), location, ReplacementPolicy::Overwrite); });
+    }
+    EXPECT_EQ(snapshot(), standardTree());
 }
 
 TEST_P(ProviderConformance, WriteTruncate) {

@@ -6,6 +6,7 @@
 #include <boost/exception/exception.hpp>
 
 #include "storage/provider/ErrorCode.h"
+#include "storage/provider/Exception.h"
 #include "storage/provider/Export.h"
 #include "storage/provider/Options.h"
 
@@ -44,6 +45,13 @@ public:
 private:
     ErrorCode code_;
 };
+
+// The Exception for a stream failure inside a composite operation, the one rule every
+// composite follows: the failure's code, the location the operation was called on (a copy's
+// source, whichever stream failed; a transactional write's target) and the failure's
+// message as the context. A stream failure alone names no location, and the location the
+// caller asked about is the one the caller can act on.
+QKFL_STORAGE_EXPORT Exception streamFailureAt(const ByteStreamFailure& failure, const StorageIRI& location);
 
 // A write through a stream that was not opened for writing: ErrorCode::IOError,
 // "Stream was not opened for writing.".

@@ -76,6 +76,16 @@ inline const Exception& addExceptionContext(const Exception& e, ustring context)
     return e;
 }
 
+// The failure `e` reported against `location` instead, with the same code and contexts: for
+// a composite operation that reports a lower step's failure against the location its caller
+// asked about.
+inline Exception relocate(const Exception& e, const StorageIRI& location) {
+    Exception moved(e.getErrorCode(), location);
+    const std::deque<ExceptionContext> contexts = e.getAllExceptionContexts();
+    for (auto it = contexts.rbegin(); it != contexts.rend(); ++it) moved.pushExceptionContext(*it);
+    return moved;
+}
+
 // Raised when a provider cannot publish change events for a location.
 class QKFL_STORAGE_EXPORT ChangeEventsNotSupportedException : public ExceptionBase, public boost::exception {
 public:

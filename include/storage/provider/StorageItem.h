@@ -109,6 +109,9 @@ public:
     // Copies this file onto `target`, which may belong to another provider.
     // - Preserve and NoClobber throw ResourceAlreadyExists (with the target's location) when
     //   the target file exists, before anything is read or written.
+    // - A target that is this same stored file under any name (isSameStoredFile: another
+    //   spelling, a link, another provider object over the store) throws InvalidLocation with
+    //   the target's location, before either file is opened, on every path below.
     // - Within one provider, a non-atomic copy without callback is the provider's copyFile,
     //   and an atomic one is its copyFileAtomic when it has ExtendedFeature::NativeAtomicCopy.
     // - Otherwise the bytes are streamed in 4 MiB chunks, through a transactional stream

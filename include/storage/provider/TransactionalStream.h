@@ -4,6 +4,7 @@
 #include <functional>
 #include <ios>
 #include <memory>
+#include <optional>
 #include <string_view>
 
 #include "fl/ustring.h"
@@ -11,6 +12,7 @@
 #include "storage/provider/Export.h"
 #include "storage/provider/GenericByteStreamDevice.h"
 #include "storage/provider/Options.h"
+#include "storage/provider/StorageIRI.h"
 
 namespace foundation::storage::provider {
 
@@ -53,12 +55,23 @@ class GenericTransactionalStream;
 // A transactional stream over a data stream and a close action: on close the data stream is
 // closed, then the action runs with the policy (commit: move the scratch file over the
 // target; abort: remove it). Destruction of an open stream aborts and swallows failures.
+//
+// A close that fails leaves the stream open, and the data stream is closed only once:
+// - when the close action fails (a commit's move onto a read-only target, say), a later
+//   close retries only the action, so a commit may be tried again;
+// - when closing the data stream fails (a failed flush or close), its bytes may not all be in
+//   the scratch file: that failure passes unchanged, every later Commit throws
+//   Exception(IOError) with the target (ByteStreamFailure(IOError) when the stream was made
+//   without one), and only an Abort, which removes the scratch file, ends the stream.
 template <>
 class QKFL_STORAGE_EXPORT GenericTransactionalStream<ByteStream> : public TransactionalStream {
 public:
     // Takes ownership of `stream`, which is left empty.
     GenericTransactionalStream(std::unique_ptr<ByteStream>& stream,
                                const std::function<void(const StreamClosePolicy&)>& onClose);
+    // The same, for a stream that commits to `target`, which failures of a commit name.
+    GenericTransactionalStream(std::unique_ptr<ByteStream>& stream,
+                               const std::function<void(const StreamClosePolicy&)>& onClose, StorageIRI target);
     ~GenericTransactionalStream() override;
 
 protected:
@@ -66,9 +79,14 @@ protected:
     ByteStream& getByteStream() override;
 
 private:
+    enum class Data { Open, Closed, Lost };
+
     std::shared_ptr<ByteStream> stream_;
     std::function<void(const StreamClosePolicy&)> onClose_;
     std::atomic<bool> closed_{false};
+    // Changed only inside a close, which closed_ admits one at a time.
+    Data data_ = Data::Open;
+    std::optional<StorageIRI> target_;
 };
 
 // A device closed in the ordinary way commits its transaction.

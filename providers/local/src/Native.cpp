@@ -11,6 +11,7 @@
 
 #include "fl/i18n/convert.h"
 #include "storage/provider/TransactionalStream.h"
+#include "storage/provider/Extensions.h"
 #include "storage/provider/local/LocalProvider.h"
 
 namespace foundation::storage::provider::local {
@@ -59,6 +60,7 @@ bool isFileScheme(const ustring& scheme) {
 }  // namespace
 
 std::string nativePath(const StorageIRI& location) {
+    refuseQueryOrFragment(location);
     if (location.hasInnerIRI() || !isFileScheme(location.getScheme())) {
         throwError(ErrorCode::InvalidLocation, location);
     }

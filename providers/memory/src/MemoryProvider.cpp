@@ -1,5 +1,7 @@
 #include "storage/provider/memory/MemoryProvider.h"
 
+#include <cstdint>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -29,7 +31,9 @@ std::unique_ptr<IFolderEntryIterator> iterate(std::vector<FolderEntry> entries) 
 
 }  // namespace
 
-MemoryProvider::MemoryProvider() : store_(std::make_unique<detail::MemoryStore>()) {}
+MemoryProvider::MemoryProvider() : store_(std::make_shared<detail::MemoryStore>()) {}
+
+MemoryProvider::MemoryProvider(const MemoryProvider* other) : store_(other->store_) {}
 
 MemoryProvider::~MemoryProvider() { endChangePolling(); }
 
@@ -93,6 +97,19 @@ void MemoryProvider::doSetWritable(const StorageIRI& location, bool writable) co
     store_->setWritable(location, writable);
 }
 
+std::optional<extensions::FileIdentity> MemoryProvider::doGetFileIdentity(const StorageIRI& location) const {
+    const void* node = store_->fileNode(location);
+    if (node == nullptr) return std::nullopt;
+    // Addresses of live objects: the node lives while its file does, the store while any
+    // provider over it does.
+    auto text = [](const void* address) { return std::to_string(reinterpret_cast<std::uintptr_t>(address)); };
+    return extensions::FileIdentity{"memory:" + text(store_.get()), text(node)};
+}
+
 std::shared_ptr<MemoryProvider> makeMemoryProvider() { return std::make_shared<MemoryProvider>(); }
+
+std::shared_ptr<MemoryProvider> makeMemoryProviderOver(const MemoryProvider& other) {
+    return std::make_shared<MemoryProvider>(&other);
+}
 
 }  // namespace foundation::storage::provider::memory

@@ -5,6 +5,7 @@
 
 #include "MemoryStream.h"
 #include "storage/provider/Exception.h"
+#include "storage/provider/Extensions.h"
 
 namespace foundation::storage::provider::memory::detail {
 namespace {
@@ -42,6 +43,7 @@ MemoryStore::MemoryStore()
 }
 
 MemoryStore::Path MemoryStore::pathOf(const StorageIRI& location) {
+    refuseQueryOrFragment(location);
     if (location.getScheme() != u"mem" || location.hasInnerIRI() || location.isOpaque() ||
         (location.hasHost() && !location.getHost().empty())) {
         fail(ErrorCode::InvalidLocation, location);
@@ -100,6 +102,12 @@ bool MemoryStore::fileExists(const StorageIRI& location) const {
     const Path path = pathOf(location);
     std::shared_lock lock(mutex_);
     return asFile(find(path)) != nullptr;
+}
+
+const void* MemoryStore::fileNode(const StorageIRI& location) const {
+    const Path path = pathOf(location);
+    std::shared_lock lock(mutex_);
+    return asFile(find(path));
 }
 
 bool MemoryStore::folderExists(const StorageIRI& location) const {

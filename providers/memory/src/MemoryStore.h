@@ -21,6 +21,8 @@ public:
     MemoryStore();
 
     bool fileExists(const StorageIRI& location) const;
+    // The file's node, which only names of that file share; null when no file is there.
+    const void* fileNode(const StorageIRI& location) const;
     bool folderExists(const StorageIRI& location) const;
     void createFile(const StorageIRI& location);
     void createFolder(const StorageIRI& location);

@@ -42,6 +42,7 @@ ZipProvider::ZipProvider(StorageItem container, ZipLimits limits)
 ZipProvider::~ZipProvider() { endChangePolling(); }
 
 void ZipProvider::requireOwn(const StorageIRI& location) const {
+    refuseQueryOrFragment(location);
     // No entry name holds a NUL (a stored one reads as a space), so a path with one addresses
     // nothing; refusing it keeps a hostile name from reaching the entry spelled with a space.
     if (!location.hasInnerIRI() || location.getScheme() != kScheme ||

@@ -1,9 +1,13 @@
 #include "storage/provider/local/LocalProvider.h"
 
+#include <unistd.h>
+
 #include <memory>
+#include <string>
 
 #include "LocalTestSupport.h"
 #include "conformance/ProviderConformance.h"
+#include "fl/i18n/convert.h"
 
 namespace foundation::storage::provider::local {
 namespace {
@@ -27,6 +31,14 @@ conformance::ProviderCase localCase(const char* name, StorageIRI (*form)(const s
         const StorageIRI root = form(folder->path());
         std::shared_ptr<IProvider> provider(new LocalProvider, [folder](LocalProvider* p) { delete p; });
         return conformance::ProviderUnderTest{provider, root};
+    };
+    localCase.makeLink = [](const StorageIRI& file, const StorageIRI& alias, bool symbolic) {
+        const std::string target = fl::i18n::to_string(file.getPath());
+        const std::string aliasPath = fl::i18n::to_string(alias.getPath());
+        ASSERT_EQ(symbolic ? ::symlink(target.c_str(), aliasPath.c_str()) : ::link(target.c_str(), aliasPath.c_str()), 0);
+    };
+    localCase.makeSameStoreProvider = [](const conformance::ProviderUnderTest&) {
+        return std::make_shared<LocalProvider>();
     };
     return localCase;
 }

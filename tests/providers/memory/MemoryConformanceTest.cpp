@@ -20,6 +20,9 @@ conformance::ProviderCase memoryProviderCase() {
         provider->createFolder(root);
         return conformance::ProviderUnderTest{provider, root};
     };
+    memoryCase.makeSameStoreProvider = [](const conformance::ProviderUnderTest& subject) {
+        return makeMemoryProviderOver(dynamic_cast<const MemoryProvider&>(*subject.provider));
+    };
     return memoryCase;
 }
 

@@ -30,7 +30,8 @@ class WrittenFileSystems;
 // character is listed (and watched) as the lone surrogate U+DC80..U+DCFF (U+DC00 + the byte),
 // which converts back to that byte (fl/i18n/convert.h), so the listed name reads, writes,
 // moves and removes the file; in a location's text it is the escape of the byte ('%E9').
-// Escapes that spell a UTF-8 character name the same file as the character. Any other scheme, a host, a container location, a relative or empty
+// Escapes that spell a UTF-8 character name the same file as the character.
+// Any other scheme, a host, a container location, a query or a fragment, a relative or empty
 // path, or a path holding a NUL: ErrorCode::InvalidLocation; so is a name or path the system
 // finds too long (ENAMETOOLONG). '.' and '..' segments reach the system with the path, which
 // resolves them as it resolves any path, each after the folder before it (which must exist):
@@ -156,7 +157,8 @@ class WrittenFileSystems;
 // of one thread per stream.
 class LocalProvider : public IProvider,
                       public extensions::IFlushableFilesystem,
-                      public extensions::IInvalidatable {
+                      public extensions::IInvalidatable,
+                      public extensions::IFileIdentity {
 public:
     LocalProvider();
     ~LocalProvider() override;
@@ -225,6 +227,8 @@ protected:
 
     void doFlushFilesystem() override;
     void doInvalidate(const StorageIRI& location) override;
+    // The device and inode after following links: the same for every name of a file.
+    std::optional<extensions::FileIdentity> doGetFileIdentity(const StorageIRI& location) const override;
 
 private:
     detail::ChangeNotifier& notifier() const;

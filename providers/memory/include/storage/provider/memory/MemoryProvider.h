@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "storage/provider/Extensions.h"
 #include "storage/provider/IProvider.h"
 
 namespace foundation::storage::provider::memory {
@@ -18,8 +19,8 @@ class MemoryStore;
 //
 // Locations: the decoded path is split at '/'; empty and '.' segments are ignored and '..'
 // removes the segment before it, stopping at the root, so no name reaches outside the store.
-// A location with another scheme, a host or a container part cannot be addressed:
-// ErrorCode::InvalidLocation. Names are compared code unit by code unit; any code unit may
+// A location with another scheme, a host, a container part, a query or a fragment cannot be
+// addressed: ErrorCode::InvalidLocation. Names are compared code unit by code unit; any code unit may
 // stand in a name, NUL and '\' included, names have no length limit, and a listed name joined
 // to its folder (StorageItem(folder, name)) addresses its entry again.
 //
@@ -44,13 +45,18 @@ class MemoryStore;
 // ByteStreamFailure. A file's last-modified time changes with each write and truncation, a
 // folder's when an entry is added, removed or renamed; automatic times never repeat.
 //
+// fileIdentity: the store and the file's node, so every name of a file, through any provider
+// object over the store (makeMemoryProviderOver), has the same identity.
+//
 // Listings are snapshots taken when the listing is made, sorted by name, with attributes.
 //
 // All operations may be called from any thread at once; each store operation is atomic.
 // Streams follow the ByteStream rule of one thread per stream.
-class MemoryProvider : public IProvider {
+class MemoryProvider : public IProvider, public extensions::IFileIdentity {
 public:
     MemoryProvider();
+    // Another provider object over the store of `other`, which must not be null.
+    explicit MemoryProvider(const MemoryProvider* other);
     ~MemoryProvider() override;
 
     // 'mem:///'.
@@ -75,12 +81,15 @@ protected:
     std::unique_ptr<IFolderEntryIterator> doListFolders(const StorageIRI& folder) const override;
     void doSetLastModified(const StorageIRI& location, const boost::posix_time::ptime& time) const override;
     void doSetWritable(const StorageIRI& location, bool writable) const override;
+    std::optional<extensions::FileIdentity> doGetFileIdentity(const StorageIRI& location) const override;
 
 private:
-    std::unique_ptr<detail::MemoryStore> store_;
+    std::shared_ptr<detail::MemoryStore> store_;
 };
 
 // A new, empty store: only the root folder 'mem:///' exists.
 std::shared_ptr<MemoryProvider> makeMemoryProvider();
+// A second provider object over the store of `other`: each sees the other's changes at once.
+std::shared_ptr<MemoryProvider> makeMemoryProviderOver(const MemoryProvider& other);
 
 }  // namespace foundation::storage::provider::memory
