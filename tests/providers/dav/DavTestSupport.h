@@ -1,0 +1,45 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <memory>
+#include <string>
+
+#include "storage/provider/dav/DavProvider.h"
+
+namespace foundation::storage::provider::dav::test {
+
+// Apache httpd with mod_dav serving a temporary folder on a free 127.0.0.1 port, in the
+// foreground as a child of the test, from a configuration written into that folder. '/open/'
+// needs no credentials; '/auth/' needs user "tester", password "secret" (Basic). Stopped,
+// and the folder removed, when the object goes (and killed when the test process dies).
+class ApacheServer {
+public:
+    ApacheServer();
+    ~ApacheServer();
+    ApacheServer(const ApacheServer&) = delete;
+    ApacheServer& operator=(const ApacheServer&) = delete;
+
+    // The one server of this test program, started on first use.
+    static ApacheServer& shared();
+
+    // 'dav://127.0.0.1:<port>' + path.
+    StorageIRI at(const std::string& path) const;
+    // The file on disk behind a server path.
+    std::string onDisk(const std::string& path) const;
+    int port() const { return port_; }
+
+    void stop();
+    void start();
+
+private:
+    std::string folder_;
+    int port_ = 0;
+    pid_t pid_ = -1;
+};
+
+// A new provider for `server`, configured with `configuration` (may be empty).
+std::shared_ptr<DavProvider> providerFor(const ApacheServer& server,
+                                         const boost::property_tree::ptree& configuration = {});
+
+}  // namespace foundation::storage::provider::dav::test
