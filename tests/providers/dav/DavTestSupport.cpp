@@ -74,7 +74,7 @@ ApacheServer::ApacheServer() {
 void ApacheServer::start() {
     const std::string modules = "/usr/lib/apache2/modules/";
     for (int attempt = 0; attempt < 5; ++attempt) {
-        port_ = freePort();
+        if (port_ == 0 || attempt > 0) port_ = freePort();  // a restart keeps its port
         std::ofstream config(folder_ + "/httpd.conf");
         config << "ServerRoot " << folder_ << "\nServerName 127.0.0.1\nListen 127.0.0.1:" << port_ << "\n"
                << "PidFile " << folder_ << "/httpd.pid\nErrorLog " << folder_ << "/error.log\nLogLevel warn\n";

@@ -12,7 +12,8 @@ namespace foundation::storage::provider::dav::test {
 // Apache httpd with mod_dav serving a temporary folder on a free 127.0.0.1 port, in the
 // foreground as a child of the test, from a configuration written into that folder. '/open/'
 // needs no credentials; '/auth/' needs user "tester", password "secret" (Basic). Stopped,
-// and the folder removed, when the object goes (and killed when the test process dies).
+// and the folder removed, when the object goes (and killed when the thread that started it
+// ends).
 class ApacheServer {
 public:
     ApacheServer();
@@ -29,6 +30,7 @@ public:
     std::string onDisk(const std::string& path) const;
     int port() const { return port_; }
 
+    // Stops the server, as a crash would; start() brings it back on the same port.
     void stop();
     void start();
 
