@@ -57,8 +57,26 @@ struct Transfer {
     Request* request;
     Response* response;
     std::int64_t sent = 0;
-    std::size_t bodyOffset = 0;
+    // Progress: the byte counts last seen and when they last moved.
+    std::chrono::steady_clock::duration patience{};
+    std::chrono::steady_clock::time_point moved = std::chrono::steady_clock::now();
+    curl_off_t seen = -1;
+    bool stalled = false;
 };
+
+// Ends a transfer whose byte counts have not moved for the configured time (libcurl's own
+// low-speed check averages over several seconds and fires late after a small body).
+int onProgress(void* user, curl_off_t, curl_off_t received, curl_off_t, curl_off_t sent) {
+    auto* transfer = static_cast<Transfer*>(user);
+    const auto now = std::chrono::steady_clock::now();
+    if (received + sent != transfer->seen) {
+        transfer->seen = received + sent;
+        transfer->moved = now;
+        return 0;
+    }
+    transfer->stalled = now - transfer->moved > transfer->patience;
+    return transfer->stalled ? 1 : 0;
+}
 
 std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user) {
     auto* transfer = static_cast<Transfer*>(user);
@@ -103,12 +121,6 @@ std::size_t onSend(char* buffer, std::size_t size, std::size_t count, void* user
     auto* transfer = static_cast<Transfer*>(user);
     const Request& request = *transfer->request;
     const std::size_t room = size * count;
-    if (request.file < 0) {
-        const std::size_t n = std::min(room, request.body.size() - static_cast<std::size_t>(transfer->sent));
-        std::copy_n(request.body.data() + transfer->sent, n, buffer);
-        transfer->sent += static_cast<std::int64_t>(n);
-        return n;
-    }
     const std::size_t want = static_cast<std::size_t>(
         std::min<std::int64_t>(static_cast<std::int64_t>(room), request.fileSize - transfer->sent));
     if (want == 0) return 0;
@@ -290,8 +302,10 @@ Response Session::attempt(Handle& handle, Request& request, const Settings& s) c
     curl_easy_setopt(curl, CURLOPT_UNRESTRICTED_AUTH, 0L);
     curl_easy_setopt(curl, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
     curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, s.connectTimeout);
-    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
-    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, std::max(s.timeout, 1L));
+    transfer.patience = std::chrono::seconds(std::max(s.timeout, 1L));
+    curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, onProgress);
+    curl_easy_setopt(curl, CURLOPT_XFERINFODATA, &transfer);
     curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, s.verifyTls ? 1L : 0L);
     curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, s.verifyTls ? 2L : 0L);
     if (!s.caFile.empty()) curl_easy_setopt(curl, CURLOPT_CAINFO, s.caFile.c_str());
@@ -308,15 +322,17 @@ Response Session::attempt(Handle& handle, Request& request, const Settings& s) c
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, &transfer);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, onHeader);
     curl_easy_setopt(curl, CURLOPT_HEADERDATA, &transfer);
-    if (request.sendsBody) {
+    if (request.sendsBody && request.file < 0) {
+        // Sent with the request itself, so that a silent server times out as without a body.
+        curl_easy_setopt(curl, CURLOPT_POSTFIELDS, request.body.data());
+        curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+    } else if (request.sendsBody) {
         curl_easy_setopt(curl, CURLOPT_UPLOAD, 1L);
         curl_easy_setopt(curl, CURLOPT_READFUNCTION, onSend);
         curl_easy_setopt(curl, CURLOPT_READDATA, &transfer);
         curl_easy_setopt(curl, CURLOPT_SEEKFUNCTION, onSeek);
         curl_easy_setopt(curl, CURLOPT_SEEKDATA, &transfer);
-        const curl_off_t size =
-            request.file >= 0 ? request.fileSize : static_cast<curl_off_t>(request.body.size());
-        curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, size);
+        curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(request.fileSize));
     }
     const CURLcode code = curl_easy_perform(curl);
     curl_slist_free_all(headers);
@@ -325,7 +341,9 @@ Response Session::attempt(Handle& handle, Request& request, const Settings& s) c
     response.status = status;
     if (code != CURLE_OK && !(code == CURLE_WRITE_ERROR && response.stopped)) {
         response.transferCode = code;
-        response.transferError = *errorText ? errorText : curl_easy_strerror(code);
+        response.transferError = transfer.stalled ? "no answer for " + std::to_string(s.timeout) + " s"
+                                 : *errorText       ? errorText
+                                                    : curl_easy_strerror(code);
     }
     return response;
 }

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -58,12 +59,19 @@ void handOver(const fs::path& path) {
 
 }  // namespace
 
-ApacheServer::ApacheServer() {
+ApacheServer::ApacheServer(bool tls) : tls_(tls) {
     char pattern[] = "/tmp/qkfl-apache-XXXXXX";
     folder_ = ::mkdtemp(pattern);
     fs::permissions(folder_, fs::perms(0755));
     fs::create_directories(folder_ + "/root/open");
     fs::create_directories(folder_ + "/root/auth");
+    fs::create_directories(folder_ + "/root/small");
+    if (tls_) {
+        const std::string make = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 "
+                                 "-subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1 -keyout " +
+                                 folder_ + "/key.pem -out " + folder_ + "/cert.pem 2>/dev/null";
+        if (std::system(make.c_str()) != 0) throw std::runtime_error("openssl cannot make a certificate");
+    }
     fs::create_directories(folder_ + "/lock");
     std::ofstream(folder_ + "/passwords") << "tester:$apr1$qkfltest$W9tJoqiNE2/xUTiyfLmIX.\n";
     handOver(folder_ + "/root");
@@ -80,15 +88,20 @@ void ApacheServer::start() {
                << "PidFile " << folder_ << "/httpd.pid\nErrorLog " << folder_ << "/error.log\nLogLevel warn\n";
         if (::geteuid() == 0) config << "User www-data\nGroup www-data\n";
         for (const char* module : {"mpm_event", "authz_core", "authn_core", "authn_file", "auth_basic", "authz_user",
-                                   "dav", "dav_fs"}) {
+                                   "dav", "dav_fs", "ssl"}) {
             config << "LoadModule " << module << "_module " << modules << "mod_" << module << ".so\n";
         }
         config << "CustomLog " << folder_ << "/access.log \"%r %>s %B\"\n"
                << "DAVLockDB " << folder_ << "/lock/db\nDocumentRoot " << folder_ << "/root\n"
                << "<Directory />\n  AllowOverride None\n</Directory>\n"
                << "<Directory " << folder_ << "/root>\n  Dav On\n  Require all granted\n</Directory>\n"
+               << "<Directory " << folder_ << "/root/small>\n  LimitRequestBody 1000\n</Directory>\n"
                << "<Directory " << folder_ << "/root/auth>\n  AuthType Basic\n  AuthName dav\n  AuthUserFile "
                << folder_ << "/passwords\n  Require valid-user\n</Directory>\n";
+        if (tls_) {
+            config << "SSLEngine on\nSSLCertificateFile " << folder_ << "/cert.pem\nSSLCertificateKeyFile " << folder_
+                   << "/key.pem\n";
+        }
         config.close();
         pid_ = ::fork();
         if (pid_ == 0) {
@@ -129,7 +142,8 @@ ApacheServer& ApacheServer::shared() {
 }
 
 StorageIRI ApacheServer::at(const std::string& path) const {
-    return StorageIRI(fl::i18n::to_ustring("dav://127.0.0.1:" + std::to_string(port_) + path));
+    return StorageIRI(fl::i18n::to_ustring((tls_ ? "davs" : "dav") + std::string("://127.0.0.1:") +
+                                           std::to_string(port_) + path));
 }
 
 std::string ApacheServer::onDisk(const std::string& path) const { return folder_ + "/root" + path; }
