@@ -222,6 +222,14 @@ public:
         }
     }
 
+    // Some servers make missing folders on the way of a MOVE or COPY: the destination's
+    // folder is looked at first.
+    void requireParentFolder(const StorageIRI& location, const std::string& path) const {
+        const std::optional<DavEntry> parent = stat(location, parentOf(path));
+        if (!parent) refuse(ErrorCode::ResourceNotFound, location, u"no parent folder on the server");
+        if (!parent->folder) refuse(ErrorCode::InvalidLocation, location, u"the parent is a file");
+    }
+
     static ErrorCode failureCode(const Response& response) { return detail::errorCodeOf(response); }
 
 private:
@@ -296,6 +304,9 @@ void DavProvider::doCreateFile(const StorageIRI& location) const {
 void DavProvider::doCreateFolder(const StorageIRI& location) const {
     const std::string path = session_->pathOf(location);
     const Operations ops(*session_);
+    // Some servers answer MKCOL of an existing folder with success: the name is looked at
+    // first, and a folder another client makes in between counts as made here.
+    if (ops.stat(location, path)) refuse(ErrorCode::ResourceAlreadyExists, location, u"the name is taken");
     const Response response = ops.send("MKCOL", session_->urlOf(path, true));
     if (response.transferCode == 0 && response.status == 405) {
         detail::fail(ErrorCode::ResourceAlreadyExists, location, "MKCOL " + path, response);
@@ -372,6 +383,7 @@ void DavProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to, const
         const std::optional<DavEntry> existing = ops.stat(to, target);
         if (existing && existing->folder) refuse(ErrorCode::InvalidLocation, to, u"a folder is in the way");
     }
+    ops.requireParentFolder(to, target);
     const Response response = ops.moveOrCopy("MOVE", source, target, false, !keeps(policy));
     if (response.ok()) return;
     if (response.transferCode == 0 && response.status == 412) {
@@ -397,6 +409,8 @@ void DavProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to, con
         if (keeps(policy)) refuse(ErrorCode::ResourceAlreadyExists, to, u"the name is taken");
         if (!existing->folder) refuse(ErrorCode::InvalidLocation, to, u"a file is in the way");
         if (!ops.list(to, target).empty()) refuse(ErrorCode::FolderNotEmpty, to, u"the folder in the way has entries");
+    } else {
+        ops.requireParentFolder(to, target);
     }
     const Response response = ops.moveOrCopy("MOVE", source, target, true, !keeps(policy));
     if (response.ok()) return;
@@ -417,6 +431,7 @@ void DavProvider::doCopyFile(const StorageIRI& from, const StorageIRI& to, const
     const std::optional<DavEntry> existing = ops.stat(to, target);
     if (existing && keeps(policy)) refuse(ErrorCode::ResourceAlreadyExists, to, u"the name is taken");
     if (existing && existing->folder) refuse(ErrorCode::InvalidLocation, to, u"a folder is in the way");
+    if (!existing) ops.requireParentFolder(to, target);
     // Copied beside the target first, so that readers of the target never see a partial copy.
     const std::string scratch =
         (parentOf(target) == "/" ? "" : parentOf(target)) + "/" + fl::i18n::to_string(makeScratchName());

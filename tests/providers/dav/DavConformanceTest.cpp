@@ -10,24 +10,27 @@ namespace {
 
 using conformance::ProviderConformance;
 
-// A fresh folder under '/open/' of the shared Apache for each test.
-conformance::ProviderCase apacheCase() {
-    conformance::ProviderCase apache;
-    apache.name = "Apache";
-    apache.capabilities.recursiveListing = true;
-    apache.capabilities.recursiveRemoval = true;
-    apache.makeEmptyProvider = [] {
+// A fresh folder under '/open/' of the program's server of `kind` for each test.
+conformance::ProviderCase serverCase(const char* name, test::TestServer::Kind kind) {
+    conformance::ProviderCase served;
+    served.name = name;
+    served.capabilities.recursiveListing = true;
+    served.capabilities.recursiveRemoval = true;
+    served.makeEmptyProvider = [kind] {
         static std::atomic<int> count{0};
-        test::ApacheServer& server = test::ApacheServer::shared();
+        test::TestServer& server = test::TestServer::shared(kind);
         auto provider = test::providerFor(server);
         const StorageIRI root = server.at("/open/w" + std::to_string(++count));
         provider->createFolder(root);
         return conformance::ProviderUnderTest{provider, root};
     };
-    return apache;
+    return served;
 }
 
-INSTANTIATE_TEST_SUITE_P(Dav, ProviderConformance, testing::Values(apacheCase()));
+INSTANTIATE_TEST_SUITE_P(Dav, ProviderConformance,
+                         testing::Values(serverCase("Apache", test::TestServer::Kind::Apache),
+                                         serverCase("nginx", test::TestServer::Kind::Nginx),
+                                         serverCase("rclone", test::TestServer::Kind::Rclone)));
 
 }  // namespace
 }  // namespace foundation::storage::provider::dav

@@ -15,7 +15,7 @@
 namespace foundation::storage::provider::dav {
 namespace {
 
-using test::ApacheServer;
+using test::TestServer;
 
 const ByteStreamOpenOptions kReplace{ByteStreamAccess::WriteOnly, ByteStreamCreate::Create,
                                      ByteStreamTruncate::TruncateExisting, ByteStreamAppend::Overwrite};
@@ -33,7 +33,7 @@ void put(const IProvider& provider, const StorageIRI& location, const std::strin
 }
 
 TEST(DavFaults, ServerGoneBeforeTheUploadKeepsTheTarget) {
-    ApacheServer& server = ApacheServer::shared();
+    TestServer& server = TestServer::shared();
     auto provider = test::providerFor(server, settings({{"retries", "0"}}));
     const StorageIRI file = server.at("/open/kept.txt");
     put(*provider, file, "old");
@@ -51,7 +51,7 @@ TEST(DavFaults, ServerGoneBeforeTheUploadKeepsTheTarget) {
 }
 
 TEST(DavFaults, ServerGoneWhileReadingFailsTheRead) {
-    ApacheServer& server = ApacheServer::shared();
+    TestServer& server = TestServer::shared();
     auto provider = test::providerFor(server, settings({{"retries", "0"}}));
     const StorageIRI file = server.at("/open/large.bin");
     put(*provider, file, std::string(300000, 'x'));
@@ -87,7 +87,7 @@ TEST(DavFaults, SilentServerTimesOut) {
 }
 
 TEST(DavFaults, BodyOverTheServersLimitIsTooLarge) {
-    ApacheServer& server = ApacheServer::shared();
+    TestServer& server = TestServer::shared();
     auto provider = test::providerFor(server);
     const StorageIRI file = server.at("/small/big.bin");
     testsupport::expectError(ErrorCode::FileTooLarge, file, [&] { put(*provider, file, std::string(5000, 'b')); });
@@ -95,7 +95,7 @@ TEST(DavFaults, BodyOverTheServersLimitIsTooLarge) {
 }
 
 TEST(DavFaults, TlsNeedsTheCertificatesAuthority) {
-    ApacheServer server(true);
+    TestServer server(TestServer::Kind::ApacheTls);
     const StorageIRI folder = server.at("/open");
     testsupport::expectError(ErrorCode::IOError, folder, [&] { test::providerFor(server)->folderExists(folder); });
     EXPECT_TRUE(test::providerFor(server, settings({{"caFile", server.caFile()}}))->folderExists(folder));

@@ -13,7 +13,7 @@
 namespace foundation::storage::provider::dav {
 namespace {
 
-using test::ApacheServer;
+using test::TestServer;
 
 void put(const IProvider& provider, const StorageIRI& location, const std::string& content) {
     auto stream = provider.openStream(location, ByteStreamOpenOptions{ByteStreamAccess::WriteOnly,
@@ -38,7 +38,7 @@ TEST(DavHrefs, AreComparedAsDecodedPaths) {
 }
 
 TEST(DavProvider, NamesNeedingEscapesRoundTrip) {
-    ApacheServer& server = ApacheServer::shared();
+    TestServer& server = TestServer::shared();
     auto provider = test::providerFor(server);
     const StorageIRI folder = server.at("/open/names");
     provider->createFolder(folder);
@@ -58,7 +58,7 @@ TEST(DavProvider, NamesNeedingEscapesRoundTrip) {
 }
 
 TEST(DavProvider, RefusesQueriesAndFragments) {
-    ApacheServer& server = ApacheServer::shared();
+    TestServer& server = TestServer::shared();
     auto provider = test::providerFor(server);
     put(*provider, server.at("/open/r"), "keep");
     for (const char* suffix : {"?old", "#2"}) {
@@ -70,7 +70,7 @@ TEST(DavProvider, RefusesQueriesAndFragments) {
 }
 
 TEST(DavProvider, ReadingPastAShrunkFileEndsIt) {
-    ApacheServer& server = ApacheServer::shared();
+    TestServer& server = TestServer::shared();
     auto provider = test::providerFor(server);
     const StorageIRI file = server.at("/open/shrinks.txt");
     put(*provider, file, "a longer first content");
@@ -82,7 +82,7 @@ TEST(DavProvider, ReadingPastAShrunkFileEndsIt) {
 }
 
 TEST(DavProvider, CredentialsDecide) {
-    ApacheServer& server = ApacheServer::shared();
+    TestServer& server = TestServer::shared();
     struct Case {
         const char* user;
         const char* password;
@@ -104,7 +104,7 @@ TEST(DavProvider, CredentialsDecide) {
 }
 
 TEST(DavProvider, RetriesReadsWhileTheServerIsBack) {
-    ApacheServer& server = ApacheServer::shared();
+    TestServer& server = TestServer::shared();
     boost::property_tree::ptree configuration;
     configuration.put("retries", "7");  // about 6 s of backoff
     auto provider = test::providerFor(server, configuration);

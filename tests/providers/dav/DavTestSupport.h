@@ -4,28 +4,32 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "storage/provider/dav/DavProvider.h"
 
 namespace foundation::storage::provider::dav::test {
 
-// Apache httpd with mod_dav serving a temporary folder on a free 127.0.0.1 port, in the
-// foreground as a child of the test, from a configuration written into that folder. '/open/'
-// needs no credentials; '/auth/' needs user "tester", password "secret" (Basic). Stopped,
-// and the folder removed, when the object goes (and killed when the thread that started it
-// ends).
+// A WebDAV server serving a temporary folder on a free 127.0.0.1 port, in the foreground as a
+// child of the test, from a configuration written into that folder; stopped, and the folder
+// removed, when the object goes (and killed when the thread that started it ends). The
+// folder '/open/' exists on each.
 //
-// With `tls`, it serves HTTPS ('davs') with a certificate for 127.0.0.1 made for it, signed by
-// itself: caFile() is the file that verifies it.
-class ApacheServer {
+// Apache httpd with mod_dav also has '/auth/', which needs user "tester", password "secret"
+// (Basic), and '/small/', which takes request bodies of at most 1000 bytes. ApacheTls serves
+// HTTPS ('davs') with a certificate for 127.0.0.1 made for it and signed by itself: caFile()
+// is the file that verifies it. Nginx runs with the dav and dav_ext modules, Rclone is
+// `rclone serve webdav --dir-cache-time 0s`.
+class TestServer {
 public:
-    explicit ApacheServer(bool tls = false);
-    ~ApacheServer();
-    ApacheServer(const ApacheServer&) = delete;
-    ApacheServer& operator=(const ApacheServer&) = delete;
+    enum class Kind { Apache, ApacheTls, Nginx, Rclone };
+    explicit TestServer(Kind kind);
+    ~TestServer();
+    TestServer(const TestServer&) = delete;
+    TestServer& operator=(const TestServer&) = delete;
 
-    // The one server of this test program, started on first use.
-    static ApacheServer& shared();
+    // The one server of a kind (not ApacheTls) of this test program, started on first use.
+    static TestServer& shared(Kind kind = Kind::Apache);
 
     // 'dav://127.0.0.1:<port>' + path ('davs' with TLS).
     StorageIRI at(const std::string& path) const;
@@ -39,14 +43,17 @@ public:
     void start();
 
 private:
-    bool tls_;
+    // Writes the configuration; returns the command that starts the server.
+    std::vector<std::string> configure() const;
+
+    Kind kind_;
     std::string folder_;
     int port_ = 0;
     pid_t pid_ = -1;
 };
 
 // A new provider for `server`, configured with `configuration` (may be empty).
-std::shared_ptr<DavProvider> providerFor(const ApacheServer& server,
+std::shared_ptr<DavProvider> providerFor(const TestServer& server,
                                          const boost::property_tree::ptree& configuration = {});
 
 }  // namespace foundation::storage::provider::dav::test

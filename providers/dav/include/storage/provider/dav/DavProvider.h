@@ -33,10 +33,12 @@ class Session;
 //   the target, MOVE over the target with "Overwrite: T", then a check of the size. The
 //   server never shows a half-written file; after a failed upload the target keeps its old
 //   content. A stream destroyed unclosed uploads too, and swallows a failure.
-// - folders by MKCOL, removal by DELETE (a folder only after a listing found it empty, so
+// - folders by MKCOL after a look at the name (some servers answer success for a folder
+//   that exists), removal by DELETE (a folder only after a listing found it empty, so
 //   another client's file added in between is removed with it), moves and copies by MOVE
 //   and COPY with an explicit Overwrite header and a trailing slash on folders. A file copy
-//   goes to a scratch name first and is then moved over the target. A folder moved into its
+//   goes to a scratch name first and is then moved over the target. The destination's folder
+//   must exist (looked at first: some servers make it). A folder moved into its
 //   own subtree is refused before any request. A folder moved over an existing folder
 //   replaces it only when that one is empty (FolderNotEmpty otherwise).
 // - ReplacementPolicy: Preserve and NoClobber send "Overwrite: F" (or "If-None-Match: *"
