@@ -4,11 +4,16 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
 #include <deque>
+#include <exception>
 #include <filesystem>
+#include <mutex>
 #include <optional>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -528,22 +533,58 @@ std::unique_ptr<IFolderEntryIterator> DavProvider::doListFolders(const StorageIR
     return listing(*session_, folder, Filter::Folders);
 }
 
-// Servers refuse Depth infinity, so the walk asks for one folder at a time.
+// Servers refuse Depth infinity: the walk lists one folder a request, a few at once. The
+// entries come sorted by path, so a folder comes before what it holds.
 std::unique_ptr<IFolderEntryIterator> DavProvider::doListAllRecursive(const StorageIRI& folder) const {
+    constexpr int kConcurrentRequests = 4;
     const std::string root = session_->pathOf(folder);
     const Operations ops(*session_);
-    std::vector<FolderEntry> entries;
-    std::deque<std::string> pending{root};
     const std::size_t prefix = root == "/" ? 1 : root.size() + 1;
-    while (!pending.empty()) {
-        const std::string path = pending.front();
-        pending.pop_front();
-        const StorageIRI where = path == root ? folder : StorageIRI(folder, fl::i18n::to_ustring(path.substr(prefix)));
-        for (const DavEntry& entry : ops.list(where, path)) {
-            entries.push_back(folderEntryOf(fl::i18n::to_ustring(entry.path.substr(prefix)), entry));
-            if (entry.folder) pending.push_back(entry.path);
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::deque<std::string> pending{root};
+    int busy = 0;
+    std::exception_ptr failure;
+    std::vector<std::pair<std::string, DavEntry>> found;
+    const auto walk = [&] {
+        std::unique_lock lock(mutex);
+        for (;;) {
+            changed.wait(lock, [&] { return !pending.empty() || busy == 0 || failure; });
+            if (failure || (pending.empty() && busy == 0)) break;
+            const std::string path = std::move(pending.front());
+            pending.pop_front();
+            ++busy;
+            lock.unlock();
+            std::vector<DavEntry> children;
+            std::exception_ptr error;
+            try {
+                const StorageIRI where =
+                    path == root ? folder : StorageIRI(folder, fl::i18n::to_ustring(path.substr(prefix)));
+                children = ops.list(where, path);
+            } catch (...) {
+                error = std::current_exception();
+            }
+            lock.lock();
+            --busy;
+            if (error && !failure) failure = error;
+            for (DavEntry& child : children) {
+                if (child.folder) pending.push_back(child.path);
+                std::string relative = child.path.substr(prefix);
+                found.emplace_back(std::move(relative), std::move(child));
+            }
+            changed.notify_all();
         }
-    }
+        changed.notify_all();
+    };
+    std::vector<std::thread> walkers;
+    for (int i = 1; i < kConcurrentRequests; ++i) walkers.emplace_back(walk);
+    walk();
+    for (std::thread& walker : walkers) walker.join();
+    if (failure) std::rethrow_exception(failure);
+    std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::vector<FolderEntry> entries;
+    entries.reserve(found.size());
+    for (const auto& [relative, entry] : found) entries.push_back(folderEntryOf(fl::i18n::to_ustring(relative), entry));
     return std::make_unique<SnapshotIterator>(std::move(entries));
 }
 
