@@ -167,12 +167,21 @@ TestServer::~TestServer() {
 }
 
 TestServer& TestServer::shared(Kind kind) {
-    static TestServer apache(Kind::Apache);
-    if (kind == Kind::Apache) return apache;
-    static TestServer nginx(Kind::Nginx);
-    if (kind == Kind::Nginx) return nginx;
-    static TestServer rclone(Kind::Rclone);
-    return rclone;
+    // Each started only when asked for.
+    switch (kind) {
+        case Kind::Nginx: {
+            static TestServer nginx(Kind::Nginx);
+            return nginx;
+        }
+        case Kind::Rclone: {
+            static TestServer rclone(Kind::Rclone);
+            return rclone;
+        }
+        default: {
+            static TestServer apache(Kind::Apache);
+            return apache;
+        }
+    }
 }
 
 StorageIRI TestServer::at(const std::string& path) const {
