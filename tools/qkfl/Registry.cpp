@@ -1,11 +1,15 @@
 #include "Registry.h"
 
 #include <cctype>
+#include <cstdlib>
 #include <filesystem>
 
 #include "Text.h"
 #include "storage/provider/Exception.h"
 #include "storage/provider/PathConversions.h"
+#ifdef QKFL_TOOL_WITH_DAV
+#include "storage/provider/dav/DavProvider.h"
+#endif
 
 namespace qkfl {
 
@@ -25,6 +29,24 @@ bool startsWithScheme(std::string_view text) {
     throw sp::addExceptionContext(sp::Exception(sp::ErrorCode::InvalidLocation, location),
                                   u"no provider for the scheme '" + location.getScheme() + u"'");
 }
+
+#ifdef QKFL_TOOL_WITH_DAV
+// One provider per server for the whole process, with credentials from the user's ~/.netrc
+// when there is one.
+const sp::dav::DavProviderFactory& davFactory() {
+    static const sp::dav::DavProviderFactory factory = [] {
+        sp::dav::DavProviderFactory made;
+        const char* home = std::getenv("HOME");
+        if (home && std::filesystem::exists(std::filesystem::path(home) / ".netrc")) {
+            boost::property_tree::ptree configuration;
+            configuration.put("netrc", (std::filesystem::path(home) / ".netrc").string());
+            made.configure(configuration);
+        }
+        return made;
+    }();
+    return factory;
+}
+#endif
 
 }  // namespace
 
@@ -55,6 +77,9 @@ std::shared_ptr<sp::IProvider> ProviderRegistry::physicalProvider(const sp::Stor
     if (location.hasInnerIRI()) noProvider(location);
     if (scheme == u"file") return local_.buildProvider(location);
     if (scheme == u"mem") return memory_;
+#ifdef QKFL_TOOL_WITH_DAV
+    if (scheme == u"dav" || scheme == u"davs") return davFactory().buildProvider(location);
+#endif
     noProvider(location);
 }
 

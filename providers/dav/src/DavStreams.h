@@ -1,0 +1,65 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "Session.h"
+#include "storage/provider/ByteStream.h"
+#include "storage/provider/StorageIRI.h"
+
+namespace foundation::storage::provider::dav::detail {
+
+// Reads a file on the server by ranges through a read-ahead buffer, which doubles (up to
+// 8 MiB) while reads go on where the last one ended and starts small again after a seek.
+class ReadStream final : public ByteStream {
+public:
+    ReadStream(const Session& session, std::string url, std::uint64_t size, std::string etag);
+
+protected:
+    long doRead(char* buffer, long count) override;
+    long doWrite(const char* buffer, long count) override;
+    std::streampos doSeek(long offset, std::ios_base::seekdir origin) override;
+    void doClose() override;
+
+private:
+    // Fetches the range at position_; false at the end of the file.
+    bool fill();
+    [[noreturn]] void fail(ErrorCode code, const std::string& why) const;
+
+    const Session& session_;
+    std::string url_;
+    std::uint64_t size_;
+    std::string etag_;
+    std::string buffer_;
+    std::uint64_t bufferStart_ = 0;
+    std::uint64_t position_ = 0;
+    std::size_t chunk_;
+    bool closed_ = false;
+};
+
+// Writes to a local temporary file; closing hands the file to `upload`, once. A stream
+// destroyed unclosed uploads too, swallowing a failure.
+class WriteStream final : public ByteStream {
+public:
+    using Upload = std::function<void(int file, std::int64_t size)>;
+    // Takes ownership of the descriptor `file` (an unlinked temporary file).
+    WriteStream(int file, bool append, std::string name, Upload upload);
+    ~WriteStream() override;
+
+protected:
+    long doRead(char* buffer, long count) override;
+    long doWrite(const char* buffer, long count) override;
+    std::streampos doSeek(long offset, std::ios_base::seekdir origin) override;
+    void doClose() override;
+
+private:
+    void requireOpen(const char* what) const;
+
+    int file_;
+    bool append_;
+    std::string name_;
+    Upload upload_;
+};
+
+}  // namespace foundation::storage::provider::dav::detail
