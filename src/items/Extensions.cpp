@@ -5,8 +5,6 @@
 
 namespace foundation::storage::provider {
 
-IConfigurableProvider::~IConfigurableProvider() = default;
-
 namespace extensions {
 
 IFlushableFilesystem::~IFlushableFilesystem() = default;
