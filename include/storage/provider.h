@@ -18,6 +18,7 @@
 #include "storage/provider/Extensions.h"
 #include "storage/provider/FolderEntryIterator.h"
 #include "storage/provider/GenericByteStreamDevice.h"
+#include "storage/provider/IConfigurableProvider.h"
 #include "storage/provider/IProvider.h"
 #include "storage/provider/IReadOnlyProvider.h"
 #include "storage/provider/Options.h"

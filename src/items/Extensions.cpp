@@ -7,8 +7,6 @@
 
 namespace foundation::storage::provider {
 
-IConfigurableProvider::~IConfigurableProvider() = default;
-
 namespace extensions {
 
 IFlushableFilesystem::~IFlushableFilesystem() = default;

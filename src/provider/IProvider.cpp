@@ -28,47 +28,41 @@ std::unique_ptr<ByteStream> IProvider::openReadOnlyStream(const StorageIRI& loca
     return SafeByteStream::openReadOnly(stream);
 }
 
+using Select = ListingRequest::Select;
+
 std::unique_ptr<IFolderEntryIterator> IProvider::listAll(const StorageIRI& folder, ustring wildcard) const {
-    if (wildcard.empty()) return doListAll(folder);
-    return doListAllWildcards(folder, std::move(wildcard));
+    return listThroughMember(folder, {Select::All, false, false, std::move(wildcard)});
 }
 
 std::unique_ptr<IFolderEntryIterator> IProvider::listFiles(const StorageIRI& folder, ustring wildcard) const {
-    if (wildcard.empty()) return doListFiles(folder);
-    return doListFilesWildcards(folder, std::move(wildcard));
+    return listThroughMember(folder, {Select::Files, false, false, std::move(wildcard)});
 }
 
 std::unique_ptr<IFolderEntryIterator> IProvider::listFolders(const StorageIRI& folder, ustring wildcard) const {
-    if (wildcard.empty()) return doListFolders(folder);
-    return doListFoldersWildcards(folder, std::move(wildcard));
+    return listThroughMember(folder, {Select::Folders, false, false, std::move(wildcard)});
 }
 
 std::unique_ptr<IFolderEntryIterator> IProvider::listAllNamesOnly(const StorageIRI& folder, ustring wildcard) const {
-    if (wildcard.empty()) return doListAllNamesOnly(folder);
-    return doListAllNamesOnlyWildcards(folder, std::move(wildcard));
+    return listThroughMember(folder, {Select::All, true, false, std::move(wildcard)});
 }
 
 std::unique_ptr<IFolderEntryIterator> IProvider::listFilesNamesOnly(const StorageIRI& folder,
                                                                     ustring wildcard) const {
-    if (wildcard.empty()) return doListFilesNamesOnly(folder);
-    return doListFilesNamesOnlyWildcards(folder, std::move(wildcard));
+    return listThroughMember(folder, {Select::Files, true, false, std::move(wildcard)});
 }
 
 std::unique_ptr<IFolderEntryIterator> IProvider::listFoldersNamesOnly(const StorageIRI& folder,
                                                                       ustring wildcard) const {
-    if (wildcard.empty()) return doListFoldersNamesOnly(folder);
-    return doListFoldersNamesOnlyWildcards(folder, std::move(wildcard));
+    return listThroughMember(folder, {Select::Folders, true, false, std::move(wildcard)});
 }
 
 std::unique_ptr<IFolderEntryIterator> IProvider::listAllRecursive(const StorageIRI& folder, ustring wildcard) const {
-    if (wildcard.empty()) return doListAllRecursive(folder);
-    return doListAllRecursiveWildcards(folder, std::move(wildcard));
+    return listThroughMember(folder, {Select::All, false, true, std::move(wildcard)});
 }
 
 std::unique_ptr<IFolderEntryIterator> IProvider::listAllRecursiveNamesOnly(const StorageIRI& folder,
                                                                            ustring wildcard) const {
-    if (wildcard.empty()) return doListAllRecursiveNamesOnly(folder);
-    return doListAllRecursiveNamesOnlyWildcards(folder, std::move(wildcard));
+    return listThroughMember(folder, {Select::All, true, true, std::move(wildcard)});
 }
 
 // Default: a file first; the folder test runs only when there is no file.

@@ -1,50 +1,99 @@
-// The listing defaults: every request falls, by direct calls on the same object, to one of
-// the three listing primitives, or to doListAllRecursive, which is unsupported. Wildcards
-// and the names-only hint are dropped; recursion is never emulated.
+// The listing defaults. Every listing member defaults to doList, whose default takes one step
+// down the fallbacks through the member serving the smaller request: wildcard requests drop
+// the wildcard, names-only requests ask for the full listing, and the full listings, plain or
+// recursive, are unsupported. So a provider that overrides only the three plain listings
+// answers every request with them, and one that overrides only doList answers all of them
+// there; recursion is never emulated.
 #include "storage/provider/IProvider.h"
 
 namespace foundation::storage::provider {
 
 using Listing = std::unique_ptr<IFolderEntryIterator>;
+using Select = ListingRequest::Select;
 
-Listing IProvider::doListAllWildcards(const StorageIRI& folder, ustring) const { return doListAll(folder); }
-
-Listing IProvider::doListFilesWildcards(const StorageIRI& folder, ustring) const { return doListFiles(folder); }
-
-Listing IProvider::doListFoldersWildcards(const StorageIRI& folder, ustring) const { return doListFolders(folder); }
-
-Listing IProvider::doListAllNamesOnly(const StorageIRI& folder) const { return doListAll(folder); }
-
-Listing IProvider::doListFilesNamesOnly(const StorageIRI& folder) const { return doListFiles(folder); }
-
-Listing IProvider::doListFoldersNamesOnly(const StorageIRI& folder) const { return doListFolders(folder); }
-
-// The names-only wildcard forms fall to the names-only plain forms, so overriding those
-// alone also serves requests with a pattern.
-Listing IProvider::doListAllNamesOnlyWildcards(const StorageIRI& folder, ustring) const {
-    return doListAllNamesOnly(folder);
+Listing IProvider::listThroughMember(const StorageIRI& folder, ListingRequest request) const {
+    using Plain = Listing (IProvider::*)(const StorageIRI&) const;
+    using Wildcards = Listing (IProvider::*)(const StorageIRI&, ustring) const;
+    // Rows: all, files, folders, recursive; columns: full, names only.
+    static constexpr Plain plain[4][2] = {{&IProvider::doListAll, &IProvider::doListAllNamesOnly},
+                                          {&IProvider::doListFiles, &IProvider::doListFilesNamesOnly},
+                                          {&IProvider::doListFolders, &IProvider::doListFoldersNamesOnly},
+                                          {&IProvider::doListAllRecursive, &IProvider::doListAllRecursiveNamesOnly}};
+    static constexpr Wildcards wildcards[4][2] = {
+        {&IProvider::doListAllWildcards, &IProvider::doListAllNamesOnlyWildcards},
+        {&IProvider::doListFilesWildcards, &IProvider::doListFilesNamesOnlyWildcards},
+        {&IProvider::doListFoldersWildcards, &IProvider::doListFoldersNamesOnlyWildcards},
+        {&IProvider::doListAllRecursiveWildcards, &IProvider::doListAllRecursiveNamesOnlyWildcards}};
+    if (request.recursive && request.select != Select::All) return doList(folder, std::move(request));
+    const auto row = request.recursive ? 3 : static_cast<int>(request.select);
+    const auto column = request.namesOnly ? 1 : 0;
+    if (request.wildcard.empty()) return (this->*plain[row][column])(folder);
+    return (this->*wildcards[row][column])(folder, std::move(request.wildcard));
 }
 
-Listing IProvider::doListFilesNamesOnlyWildcards(const StorageIRI& folder, ustring) const {
-    return doListFilesNamesOnly(folder);
+Listing IProvider::doList(const StorageIRI& folder, ListingRequest request) const {
+    if (!request.wildcard.empty()) {
+        request.wildcard.clear();
+    } else if (request.namesOnly) {
+        request.namesOnly = false;
+    } else {
+        throw Exception(ErrorCode::UnsupportedOperation, folder);
+    }
+    return listThroughMember(folder, std::move(request));
 }
 
-Listing IProvider::doListFoldersNamesOnlyWildcards(const StorageIRI& folder, ustring) const {
-    return doListFoldersNamesOnly(folder);
+Listing IProvider::doListAll(const StorageIRI& f) const { return doList(f, {Select::All, false, false, {}}); }
+
+Listing IProvider::doListFiles(const StorageIRI& f) const { return doList(f, {Select::Files, false, false, {}}); }
+
+Listing IProvider::doListFolders(const StorageIRI& f) const { return doList(f, {Select::Folders, false, false, {}}); }
+
+Listing IProvider::doListAllWildcards(const StorageIRI& f, ustring w) const {
+    return doList(f, {Select::All, false, false, std::move(w)});
 }
 
-Listing IProvider::doListAllRecursive(const StorageIRI& folder) const {
-    throw Exception(ErrorCode::UnsupportedOperation, folder);
+Listing IProvider::doListFilesWildcards(const StorageIRI& f, ustring w) const {
+    return doList(f, {Select::Files, false, false, std::move(w)});
 }
 
-Listing IProvider::doListAllRecursiveNamesOnly(const StorageIRI& folder) const { return doListAllRecursive(folder); }
-
-Listing IProvider::doListAllRecursiveWildcards(const StorageIRI& folder, ustring) const {
-    return doListAllRecursive(folder);
+Listing IProvider::doListFoldersWildcards(const StorageIRI& f, ustring w) const {
+    return doList(f, {Select::Folders, false, false, std::move(w)});
 }
 
-Listing IProvider::doListAllRecursiveNamesOnlyWildcards(const StorageIRI& folder, ustring) const {
-    return doListAllRecursiveNamesOnly(folder);
+Listing IProvider::doListAllNamesOnly(const StorageIRI& f) const { return doList(f, {Select::All, true, false, {}}); }
+
+Listing IProvider::doListFilesNamesOnly(const StorageIRI& f) const {
+    return doList(f, {Select::Files, true, false, {}});
+}
+
+Listing IProvider::doListFoldersNamesOnly(const StorageIRI& f) const {
+    return doList(f, {Select::Folders, true, false, {}});
+}
+
+Listing IProvider::doListAllNamesOnlyWildcards(const StorageIRI& f, ustring w) const {
+    return doList(f, {Select::All, true, false, std::move(w)});
+}
+
+Listing IProvider::doListFilesNamesOnlyWildcards(const StorageIRI& f, ustring w) const {
+    return doList(f, {Select::Files, true, false, std::move(w)});
+}
+
+Listing IProvider::doListFoldersNamesOnlyWildcards(const StorageIRI& f, ustring w) const {
+    return doList(f, {Select::Folders, true, false, std::move(w)});
+}
+
+Listing IProvider::doListAllRecursive(const StorageIRI& f) const { return doList(f, {Select::All, false, true, {}}); }
+
+Listing IProvider::doListAllRecursiveNamesOnly(const StorageIRI& f) const {
+    return doList(f, {Select::All, true, true, {}});
+}
+
+Listing IProvider::doListAllRecursiveWildcards(const StorageIRI& f, ustring w) const {
+    return doList(f, {Select::All, false, true, std::move(w)});
+}
+
+Listing IProvider::doListAllRecursiveNamesOnlyWildcards(const StorageIRI& f, ustring w) const {
+    return doList(f, {Select::All, true, true, std::move(w)});
 }
 
 }  // namespace foundation::storage::provider

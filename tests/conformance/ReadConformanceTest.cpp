@@ -113,6 +113,12 @@ TEST_P(ProviderConformance, ReadRecursiveListing) {
     const Names below{"b.txt", "deeper/", "deeper/c.txt"};
     EXPECT_EQ(entries(provider().listAllRecursive(at("sub"))), below);
     EXPECT_EQ(entries(provider().listAllRecursiveNamesOnly(at("sub"))), below);
+    // Every entry of the tree, whichever folder the walk leaves and comes back to.
+    const Names tree{"a.txt", "empty.bin", "emptyfolder/", "sub/", "sub/b.txt", "sub/deeper/", "sub/deeper/c.txt"};
+    EXPECT_EQ(entries(provider().listAllRecursive(at(""))), tree);
+    const Names texts{"a.txt", "sub/b.txt", "sub/deeper/c.txt"};  // a pattern matches the last element
+    const Names matched = entries(provider().listAllRecursiveNamesOnly(at(""), u"*.txt"));
+    EXPECT_EQ(matched, can().wildcardFiltering ? texts : tree);
 }
 
 TEST_P(ProviderConformance, ReadStreams) {

@@ -2,12 +2,14 @@
 
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <gtest/gtest.h>
 
 #include "storage/provider/Extensions.h"
+#include "support/InstrumentedProvider.h"
 #include "support/StringByteStream.h"
 #include "support/StubProvider.h"
 
@@ -83,43 +85,13 @@ protected:
         record("openTransactionalStream", l, o);
         return nullptr;
     }
-    Listing doListAll(const StorageIRI& l) const override { return record("listAll", l), nullptr; }
-    Listing doListAllWildcards(const StorageIRI& l, ustring w) const override {
-        return record("listAll", l, ascii(w)), nullptr;
-    }
-    Listing doListFiles(const StorageIRI& l) const override { return record("listFiles", l), nullptr; }
-    Listing doListFilesWildcards(const StorageIRI& l, ustring w) const override {
-        return record("listFiles", l, ascii(w)), nullptr;
-    }
-    Listing doListFolders(const StorageIRI& l) const override { return record("listFolders", l), nullptr; }
-    Listing doListFoldersWildcards(const StorageIRI& l, ustring w) const override {
-        return record("listFolders", l, ascii(w)), nullptr;
-    }
-    Listing doListAllNamesOnly(const StorageIRI& l) const override { return record("listAllNamesOnly", l), nullptr; }
-    Listing doListAllNamesOnlyWildcards(const StorageIRI& l, ustring w) const override {
-        return record("listAllNamesOnly", l, ascii(w)), nullptr;
-    }
-    Listing doListFoldersNamesOnly(const StorageIRI& l) const override {
-        return record("listFoldersNamesOnly", l), nullptr;
-    }
-    Listing doListFoldersNamesOnlyWildcards(const StorageIRI& l, ustring w) const override {
-        return record("listFoldersNamesOnly", l, ascii(w)), nullptr;
-    }
-    Listing doListFilesNamesOnly(const StorageIRI& l) const override {
-        return record("listFilesNamesOnly", l), nullptr;
-    }
-    Listing doListFilesNamesOnlyWildcards(const StorageIRI& l, ustring w) const override {
-        return record("listFilesNamesOnly", l, ascii(w)), nullptr;
-    }
-    Listing doListAllRecursive(const StorageIRI& l) const override { return record("listAllRecursive", l), nullptr; }
-    Listing doListAllRecursiveWildcards(const StorageIRI& l, ustring w) const override {
-        return record("listAllRecursive", l, ascii(w)), nullptr;
-    }
-    Listing doListAllRecursiveNamesOnly(const StorageIRI& l) const override {
-        return record("listAllRecursiveNamesOnly", l), nullptr;
-    }
-    Listing doListAllRecursiveNamesOnlyWildcards(const StorageIRI& l, ustring w) const override {
-        return record("listAllRecursiveNamesOnly", l, ascii(w)), nullptr;
+    // Every listing variant reaches doList, recorded under the public member's name.
+    Listing doList(const StorageIRI& l, ListingRequest r) const override {
+        std::string name = testsupport::listingMember(r).substr(2);  // "ListFilesWildcards"
+        name[0] = 'l';
+        if (r.wildcard.empty()) return record(name.c_str(), l), nullptr;
+        name.resize(name.size() - std::string_view("Wildcards").size());
+        return record(name.c_str(), l, ascii(r.wildcard)), nullptr;
     }
     void doCopyFile(const StorageIRI& f, const StorageIRI& t, const ReplacementPolicy& p) const override {
         record("copyFile", f, t, p);

@@ -1,6 +1,7 @@
 #include "storage/provider/IProvider.h"
 
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -10,6 +11,7 @@
 
 #include "support/InstrumentedProvider.h"
 #include "support/SimpleStore.h"
+#include "support/StubProvider.h"
 #include "support/TestIO.h"
 
 namespace foundation::storage::provider {
@@ -123,6 +125,74 @@ TEST(IProvider, OpenStreamWrapsWhatThePrimitiveOpens) {
     EXPECT_EQ(readOnly->read(&c, 1), 1);
     EXPECT_EQ(f.provider->names(), (Calls{"doOpenStream", "write", "doOpenReadOnlyStream", "read"}))
         << "the guard answers without reaching the stream";
+}
+
+// Lists through doList alone and records the variants asked for.
+class ListsThroughOneMember : public testsupport::StubProvider {
+public:
+    mutable Calls requests;
+
+protected:
+    std::unique_ptr<IFolderEntryIterator> doList(const StorageIRI&, ListingRequest r) const override {
+        requests.push_back(testsupport::listingMember(r));
+        return nullptr;
+    }
+};
+
+TEST(IProvider, ListingDefaultsFallToThePlainListingsOrToDoList) {
+    Fixture f;
+    const StorageIRI folder = SimpleStore::at(u"/d");
+    f.store->createFolder(folder);
+    f.store->createFolder(SimpleStore::at(u"/d/sub"));
+    f.store->put(u"/d/a.txt", "a");
+    using Names = std::optional<std::vector<std::string>>;  // none: UnsupportedOperation
+    const Names all{{"sub/", "a.txt"}}, files{{"a.txt"}}, folders{{"sub/"}}, unsupported;
+    using Lister = std::unique_ptr<IFolderEntryIterator> (IProvider::*)(const StorageIRI&, ustring) const;
+    struct Row {
+        Lister member;
+        const char16_t* wildcard;
+        Calls chain;  // the first is the member the public one calls
+        Names names;
+    };
+    const Row rows[] = {
+        {&IProvider::listAll, u"", {"doListAll"}, all},
+        {&IProvider::listAll, u"*.txt", {"doListAllWildcards", "doListAll"}, all},
+        {&IProvider::listFiles, u"", {"doListFiles"}, files},
+        {&IProvider::listFiles, u"*", {"doListFilesWildcards", "doListFiles"}, files},
+        {&IProvider::listFolders, u"", {"doListFolders"}, folders},
+        {&IProvider::listFolders, u"x", {"doListFoldersWildcards", "doListFolders"}, folders},
+        {&IProvider::listAllNamesOnly, u"", {"doListAllNamesOnly", "doListAll"}, all},
+        {&IProvider::listAllNamesOnly, u"?", {"doListAllNamesOnlyWildcards", "doListAllNamesOnly", "doListAll"}, all},
+        {&IProvider::listFilesNamesOnly, u"", {"doListFilesNamesOnly", "doListFiles"}, files},
+        {&IProvider::listFilesNamesOnly, u"a*",
+         {"doListFilesNamesOnlyWildcards", "doListFilesNamesOnly", "doListFiles"}, files},
+        {&IProvider::listFoldersNamesOnly, u"", {"doListFoldersNamesOnly", "doListFolders"}, folders},
+        {&IProvider::listFoldersNamesOnly, u"s*",
+         {"doListFoldersNamesOnlyWildcards", "doListFoldersNamesOnly", "doListFolders"}, folders},
+        {&IProvider::listAllRecursive, u"", {"doListAllRecursive"}, unsupported},
+        {&IProvider::listAllRecursive, u"*", {"doListAllRecursiveWildcards", "doListAllRecursive"}, unsupported},
+        {&IProvider::listAllRecursiveNamesOnly, u"", {"doListAllRecursiveNamesOnly", "doListAllRecursive"},
+         unsupported},
+        {&IProvider::listAllRecursiveNamesOnly, u"*",
+         {"doListAllRecursiveNamesOnlyWildcards", "doListAllRecursiveNamesOnly", "doListAllRecursive"}, unsupported},
+    };
+    ListsThroughOneMember native;
+    testsupport::StubProvider none;
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.chain.front());
+        f.provider->clear();
+        if (row.names) {
+            EXPECT_EQ(testsupport::namesOf((*f.provider.*row.member)(folder, row.wildcard)), *row.names);
+        } else {
+            expectError(ErrorCode::UnsupportedOperation, folder,
+                        [&] { (*f.provider.*row.member)(folder, row.wildcard); });
+        }
+        EXPECT_EQ(f.provider->names(), row.chain);
+        native.requests.clear();
+        (native.*row.member)(folder, row.wildcard);
+        EXPECT_EQ(native.requests, Calls{row.chain.front()});
+        expectError(ErrorCode::UnsupportedOperation, folder, [&] { (none.*row.member)(folder, row.wildcard); });
+    }
 }
 
 TEST(IProvider, MoveFolderRefusesTheFoldersOwnSubtree) {

@@ -71,48 +71,14 @@ protected:
         return forward(&ProviderSlots::doOpenTransactionalStreamAtScratchLocation, l, s, o);
     }
 
+    // The plain listings go to the target's own; every other variant reaches doList (IProvider's
+    // defaults) and the target's doList, which takes the target's own fallbacks from there.
     using Listing = std::unique_ptr<IFolderEntryIterator>;
     Listing doListAll(const StorageIRI& f) const override { return forward(&ProviderSlots::doListAll, f); }
-    Listing doListAllWildcards(const StorageIRI& f, ustring w) const override {
-        return forward(&ProviderSlots::doListAllWildcards, f, std::move(w));
-    }
     Listing doListFiles(const StorageIRI& f) const override { return forward(&ProviderSlots::doListFiles, f); }
-    Listing doListFilesWildcards(const StorageIRI& f, ustring w) const override {
-        return forward(&ProviderSlots::doListFilesWildcards, f, std::move(w));
-    }
     Listing doListFolders(const StorageIRI& f) const override { return forward(&ProviderSlots::doListFolders, f); }
-    Listing doListFoldersWildcards(const StorageIRI& f, ustring w) const override {
-        return forward(&ProviderSlots::doListFoldersWildcards, f, std::move(w));
-    }
-    Listing doListAllNamesOnly(const StorageIRI& f) const override {
-        return forward(&ProviderSlots::doListAllNamesOnly, f);
-    }
-    Listing doListAllNamesOnlyWildcards(const StorageIRI& f, ustring w) const override {
-        return forward(&ProviderSlots::doListAllNamesOnlyWildcards, f, std::move(w));
-    }
-    Listing doListFoldersNamesOnly(const StorageIRI& f) const override {
-        return forward(&ProviderSlots::doListFoldersNamesOnly, f);
-    }
-    Listing doListFoldersNamesOnlyWildcards(const StorageIRI& f, ustring w) const override {
-        return forward(&ProviderSlots::doListFoldersNamesOnlyWildcards, f, std::move(w));
-    }
-    Listing doListFilesNamesOnly(const StorageIRI& f) const override {
-        return forward(&ProviderSlots::doListFilesNamesOnly, f);
-    }
-    Listing doListFilesNamesOnlyWildcards(const StorageIRI& f, ustring w) const override {
-        return forward(&ProviderSlots::doListFilesNamesOnlyWildcards, f, std::move(w));
-    }
-    Listing doListAllRecursive(const StorageIRI& f) const override {
-        return forward(&ProviderSlots::doListAllRecursive, f);
-    }
-    Listing doListAllRecursiveWildcards(const StorageIRI& f, ustring w) const override {
-        return forward(&ProviderSlots::doListAllRecursiveWildcards, f, std::move(w));
-    }
-    Listing doListAllRecursiveNamesOnly(const StorageIRI& f) const override {
-        return forward(&ProviderSlots::doListAllRecursiveNamesOnly, f);
-    }
-    Listing doListAllRecursiveNamesOnlyWildcards(const StorageIRI& f, ustring w) const override {
-        return forward(&ProviderSlots::doListAllRecursiveNamesOnlyWildcards, f, std::move(w));
+    Listing doList(const StorageIRI& f, ListingRequest r) const override {
+        return forward(&ProviderSlots::doList, f, std::move(r));
     }
 
     void doCopyFile(const StorageIRI& f, const StorageIRI& t, const ReplacementPolicy& p) const override {

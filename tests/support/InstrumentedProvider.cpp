@@ -44,6 +44,15 @@ std::string pathOf(const StorageIRI& location) { return fl::i18n::to_string(loca
 
 }  // namespace
 
+std::string listingMember(const ListingRequest& request) {
+    static const char* const selections[] = {"All", "Files", "Folders"};
+    std::string name = std::string("doList") + selections[static_cast<int>(request.select)];
+    if (request.recursive) name += "Recursive";
+    if (request.namesOnly) name += "NamesOnly";
+    if (!request.wildcard.empty()) name += "Wildcards";
+    return name;
+}
+
 std::vector<std::string> InstrumentedProvider::calls() const {
     std::lock_guard lock(mutex_);
     return calls_;
@@ -166,57 +175,9 @@ std::unique_ptr<TransactionalStream> InstrumentedProvider::doOpenTransactionalSt
     record("doOpenTransactionalStreamAtScratchLocation", l, s);
     return IProvider::doOpenTransactionalStreamAtScratchLocation(l, s, o);
 }
-InstrumentedProvider::Listing InstrumentedProvider::doListAllWildcards(const StorageIRI& f, ustring w) const {
-    record("doListAllWildcards", f);
-    return IProvider::doListAllWildcards(f, std::move(w));
-}
-InstrumentedProvider::Listing InstrumentedProvider::doListFilesWildcards(const StorageIRI& f, ustring w) const {
-    record("doListFilesWildcards", f);
-    return IProvider::doListFilesWildcards(f, std::move(w));
-}
-InstrumentedProvider::Listing InstrumentedProvider::doListFoldersWildcards(const StorageIRI& f, ustring w) const {
-    record("doListFoldersWildcards", f);
-    return IProvider::doListFoldersWildcards(f, std::move(w));
-}
-InstrumentedProvider::Listing InstrumentedProvider::doListAllNamesOnly(const StorageIRI& f) const {
-    record("doListAllNamesOnly", f);
-    return IProvider::doListAllNamesOnly(f);
-}
-InstrumentedProvider::Listing InstrumentedProvider::doListAllNamesOnlyWildcards(const StorageIRI& f, ustring w) const {
-    record("doListAllNamesOnlyWildcards", f);
-    return IProvider::doListAllNamesOnlyWildcards(f, std::move(w));
-}
-InstrumentedProvider::Listing InstrumentedProvider::doListFoldersNamesOnly(const StorageIRI& f) const {
-    record("doListFoldersNamesOnly", f);
-    return IProvider::doListFoldersNamesOnly(f);
-}
-InstrumentedProvider::Listing InstrumentedProvider::doListFoldersNamesOnlyWildcards(const StorageIRI& f, ustring w) const {
-    record("doListFoldersNamesOnlyWildcards", f);
-    return IProvider::doListFoldersNamesOnlyWildcards(f, std::move(w));
-}
-InstrumentedProvider::Listing InstrumentedProvider::doListFilesNamesOnly(const StorageIRI& f) const {
-    record("doListFilesNamesOnly", f);
-    return IProvider::doListFilesNamesOnly(f);
-}
-InstrumentedProvider::Listing InstrumentedProvider::doListFilesNamesOnlyWildcards(const StorageIRI& f, ustring w) const {
-    record("doListFilesNamesOnlyWildcards", f);
-    return IProvider::doListFilesNamesOnlyWildcards(f, std::move(w));
-}
-InstrumentedProvider::Listing InstrumentedProvider::doListAllRecursive(const StorageIRI& f) const {
-    record("doListAllRecursive", f);
-    return IProvider::doListAllRecursive(f);
-}
-InstrumentedProvider::Listing InstrumentedProvider::doListAllRecursiveWildcards(const StorageIRI& f, ustring w) const {
-    record("doListAllRecursiveWildcards", f);
-    return IProvider::doListAllRecursiveWildcards(f, std::move(w));
-}
-InstrumentedProvider::Listing InstrumentedProvider::doListAllRecursiveNamesOnly(const StorageIRI& f) const {
-    record("doListAllRecursiveNamesOnly", f);
-    return IProvider::doListAllRecursiveNamesOnly(f);
-}
-InstrumentedProvider::Listing InstrumentedProvider::doListAllRecursiveNamesOnlyWildcards(const StorageIRI& f, ustring w) const {
-    record("doListAllRecursiveNamesOnlyWildcards", f);
-    return IProvider::doListAllRecursiveNamesOnlyWildcards(f, std::move(w));
+InstrumentedProvider::Listing InstrumentedProvider::doList(const StorageIRI& f, ListingRequest r) const {
+    record(listingMember(r).c_str(), f);
+    return IProvider::doList(f, std::move(r));
 }
 void InstrumentedProvider::doCopyFile(const StorageIRI& f, const StorageIRI& t, const ReplacementPolicy& p) const {
     record("doCopyFile", f, t);

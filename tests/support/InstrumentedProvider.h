@@ -17,6 +17,9 @@ namespace foundation::storage::provider::testsupport {
 // is recorded. Streams opened through doOpenStream and doOpenReadOnlyStream record their own
 // operations in the same log ("write 4096", "read 4096", "seek", "close") and can be made
 // to misbehave. Safe to use from several threads.
+// The name of the listing member that a request stands for ("doListFilesNamesOnlyWildcards").
+std::string listingMember(const ListingRequest& request);
+
 class InstrumentedProvider : public ForwardingProvider {
 public:
     using ForwardingProvider::ForwardingProvider;
@@ -55,21 +58,11 @@ protected:
     std::unique_ptr<TransactionalStream> doOpenTransactionalStreamAtScratchLocation(
         const StorageIRI& l, const StorageIRI& s, const ByteStreamOpenOptions& o) const override;
     Listing doListAll(const StorageIRI& f) const override;
-    Listing doListAllWildcards(const StorageIRI& f, ustring w) const override;
     Listing doListFiles(const StorageIRI& f) const override;
-    Listing doListFilesWildcards(const StorageIRI& f, ustring w) const override;
     Listing doListFolders(const StorageIRI& f) const override;
-    Listing doListFoldersWildcards(const StorageIRI& f, ustring w) const override;
-    Listing doListAllNamesOnly(const StorageIRI& f) const override;
-    Listing doListAllNamesOnlyWildcards(const StorageIRI& f, ustring w) const override;
-    Listing doListFoldersNamesOnly(const StorageIRI& f) const override;
-    Listing doListFoldersNamesOnlyWildcards(const StorageIRI& f, ustring w) const override;
-    Listing doListFilesNamesOnly(const StorageIRI& f) const override;
-    Listing doListFilesNamesOnlyWildcards(const StorageIRI& f, ustring w) const override;
-    Listing doListAllRecursive(const StorageIRI& f) const override;
-    Listing doListAllRecursiveWildcards(const StorageIRI& f, ustring w) const override;
-    Listing doListAllRecursiveNamesOnly(const StorageIRI& f) const override;
-    Listing doListAllRecursiveNamesOnlyWildcards(const StorageIRI& f, ustring w) const override;
+    // Recorded under the name of the listing member that the request stands for
+    // ("doListFilesNamesOnlyWildcards"), then IProvider's default runs here.
+    Listing doList(const StorageIRI& f, ListingRequest r) const override;
     void doCopyFile(const StorageIRI& f, const StorageIRI& t, const ReplacementPolicy& p) const override;
     TransactionStatus doCopyFileAtomic(const StorageIRI& f, const StorageIRI& t, const ReplacementPolicy& p,
                                        const std::function<InterruptSignal()>& i) const override;

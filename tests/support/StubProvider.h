@@ -9,8 +9,8 @@
 
 namespace foundation::storage::provider::testsupport {
 
-// A provider whose every primitive throws UnsupportedOperation: a base for test providers
-// that need only a few operations. `Base` is IProvider or an interface derived from it.
+// A provider whose every primitive throws UnsupportedOperation (listings do by default): a
+// base for test providers that need only a few operations. `Base` is IProvider or an interface derived from it.
 template <class Base = IProvider>
 class BasicStubProvider : public Base {
 protected:
@@ -37,11 +37,6 @@ protected:
     }
     std::unique_ptr<ByteStream> doOpenReadOnlyStream(const StorageIRI& location) const override {
         unsupported(location);
-    }
-    std::unique_ptr<IFolderEntryIterator> doListAll(const StorageIRI& folder) const override { unsupported(folder); }
-    std::unique_ptr<IFolderEntryIterator> doListFiles(const StorageIRI& folder) const override { unsupported(folder); }
-    std::unique_ptr<IFolderEntryIterator> doListFolders(const StorageIRI& folder) const override {
-        unsupported(folder);
     }
 };
 

@@ -8,7 +8,7 @@
 #include <boost/property_tree/ptree.hpp>
 
 #include "storage/provider/Export.h"
-#include "storage/provider/IProvider.h"
+#include "storage/provider/IConfigurableProvider.h"
 #include "storage/provider/StorageIRI.h"
 
 // Optional provider capabilities. A provider opts in by also deriving from the interface;
@@ -16,19 +16,6 @@
 // Exceptions of the concrete operations pass through the public members unchanged.
 
 namespace foundation::storage::provider {
-
-// A provider that takes settings. The factories configure it right after building it and
-// whenever the factory itself is configured; the meaning of the keys is the provider's own.
-class QKFL_STORAGE_EXPORT IConfigurableProvider : public IProvider {
-public:
-    ~IConfigurableProvider() override;
-
-    // Hands a copy of `configuration` to doConfigure.
-    void configure(boost::property_tree::ptree configuration) { doConfigure(std::move(configuration)); }
-
-protected:
-    virtual void doConfigure(boost::property_tree::ptree configuration) = 0;
-};
 
 namespace extensions {
 

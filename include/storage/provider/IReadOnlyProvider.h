@@ -10,9 +10,9 @@ namespace foundation::storage::provider {
 // a move), without looking at the store. openStream is refused whatever the options: reading
 // goes through openReadOnlyStream. A derived provider supplies the reading primitives:
 // doFileExists, doFolderExists, doGetFileAttributes, doGetFolderAttributes,
-// doOpenReadOnlyStream, doListAll, doListFiles and doListFolders. Everything else keeps the
-// IProvider default (so copyFileAtomic is UnsupportedOperation, and moving a folder into its
-// own subtree is InvalidLocation, checked before the refusal).
+// doOpenReadOnlyStream, and doListAll, doListFiles and doListFolders or doList. Everything
+// else keeps the IProvider default (so copyFileAtomic is UnsupportedOperation, and moving a
+// folder into its own subtree is InvalidLocation, checked before the refusal).
 class QKFL_STORAGE_EXPORT IReadOnlyProvider : public IProvider {
 public:
     ~IReadOnlyProvider() override;

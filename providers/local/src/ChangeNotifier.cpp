@@ -135,7 +135,7 @@ void ChangeNotifier::addTree(Subscription& subscription, const std::string& rela
         if (dir == nullptr) continue;
         while (const dirent* entry = ::readdir(dir)) {
             const char* name = entry->d_name;
-            if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
+            if (isDotOrDotDot(name)) continue;
             const std::string child = join(folder, name);
             struct stat st {};
             if (::fstatat(::dirfd(dir), name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;

@@ -277,7 +277,7 @@ void copyTreeContent(int in, int out) {
             return;
         }
         const char* name = entry->d_name;
-        if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
+        if (isDotOrDotDot(name)) continue;
         struct stat st {};
         if (::fstatat(in, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
             if (errno == ENOENT) continue;

@@ -7,8 +7,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <stdexcept>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Native.h"
@@ -20,11 +21,23 @@ namespace {
 
 using Select = ListingRequest::Select;
 
-// One open folder of the walk; `prefix` is its path relative to the listed folder, with a
-// trailing '/' ('' for the listed folder itself).
+struct CloseDir {
+    void operator()(DIR* dir) const noexcept { ::closedir(dir); }
+};
+using Dir = std::unique_ptr<DIR, CloseDir>;
+
+// One folder of the walk. Only the listed folder and the deepest one stay open: when the walk
+// descends, a folder between them reads the rest of its entries ahead and closes, and is
+// reopened (and checked to be the same folder) when the walk comes back to it. So a walk
+// holds at most three descriptors, whatever the depth and width of the tree.
 struct Frame {
-    DIR* dir;
-    std::string prefix;
+    Dir dir;
+    std::string prefix;  // relative to the listed folder, with a trailing '/' ('' for it)
+    dev_t device = 0;
+    ino_t inode = 0;
+    bool readAhead = false;                                   // the stream is drained into `ahead`
+    std::vector<std::pair<std::string, unsigned char>> ahead;  // names and d_type not yet considered
+    std::size_t next = 0;
 };
 
 // One entry as read: enough to build its FolderEntry on demand.
@@ -37,9 +50,14 @@ struct Record {
     struct stat st {};
 };
 
+// An entry or folder that is gone, or was replaced by a link, since it was read: a normal
+// outcome of reading a folder that others change, not a failure.
+bool vanished(int error) { return error == ENOENT || error == ENOTDIR || error == ELOOP; }
+
 class DirectoryListing final : public IFolderEntryIterator {
 public:
-    DirectoryListing(const StorageIRI& folder, ListingRequest request) : folder_(folder), request_(std::move(request)) {
+    DirectoryListing(const StorageIRI& folder, ListingRequest request)
+        : folder_(folder), request_(std::move(request)), pattern_(fl::i18n::to_string(request_.wildcard)) {
         root_ = nativePath(folder);
         while (root_.size() > 1 && root_.back() == '/') root_.pop_back();
         Fd fd(retry([&] { return ::open(root_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
@@ -51,19 +69,16 @@ public:
             }
             throwErrno(error, folder);
         }
+        Frame frame;
         if (request_.recursive) {
             struct stat st {};
             if (::fstat(fd.get(), &st) != 0) throwErrno(errno, folder);
             device_ = st.st_dev;
         }
-        DIR* dir = ::fdopendir(fd.get());
-        if (dir == nullptr) throwErrno(errno, folder);
+        frame.dir.reset(::fdopendir(fd.get()));
+        if (!frame.dir) throwErrno(errno, folder);
         fd.release();
-        frames_.push_back(Frame{dir, std::string()});
-    }
-
-    ~DirectoryListing() override {
-        for (Frame& frame : frames_) ::closedir(frame.dir);
+        frames_.push_back(std::move(frame));
     }
 
     FolderEntry get() const override {
@@ -102,139 +117,175 @@ public:
     std::optional<std::size_t> remainingHint() const override { return std::nullopt; }
 
 private:
-    bool matches(const char* name) const {
-        return request_.pattern.empty() || ::fnmatch(request_.pattern.c_str(), name, 0) == 0;
+    bool matches(const std::string& name) const {
+        return pattern_.empty() || ::fnmatch(pattern_.c_str(), name.c_str(), 0) == 0;
     }
 
     bool selected(bool folder) const {
         return request_.select == Select::All || (request_.select == Select::Folders) == folder;
     }
 
+    // The location of a path relative to the listed folder ('' for the folder itself).
+    StorageIRI locationOf(std::string_view relative) const {
+        if (!relative.empty() && relative.back() == '/') relative.remove_suffix(1);
+        return relative.empty() ? folder_ : StorageIRI(folder_, fl::i18n::to_ustring(relative));
+    }
+
+    // Throws for errno at the path relative to the listed folder.
+    [[noreturn]] void fail(std::string_view relative) const {
+        const int error = errno;
+        throwErrno(error, locationOf(relative));
+    }
+
+    // The next entry of the frame's stream other than "." and "..", into name_ and type_;
+    // false at its end. Throws when the folder cannot be read on.
+    bool readEntry(Frame& frame) {
+        for (;;) {
+            errno = 0;
+            const dirent* entry = ::readdir(frame.dir.get());
+            if (entry == nullptr) {
+                if (errno != 0) fail(frame.prefix);
+                return false;
+            }
+            if (isDotOrDotDot(entry->d_name)) continue;
+            name_.assign(entry->d_name);
+            type_ = entry->d_type;
+            return true;
+        }
+    }
+
     // Reads on to the next entry to yield, into pending_. False at the end.
     bool readNext() {
         while (!frames_.empty()) {
-            errno = 0;
-            const dirent* entry = ::readdir(frames_.back().dir);
-            if (entry == nullptr) {
-                const int error = errno;
-                // The listed folder's own failure is the caller's; a subfolder's ends only its part.
-                if (error != 0 && frames_.size() == 1) throwErrno(error, folder_);
-                ::closedir(frames_.back().dir);
-                frames_.pop_back();
-                continue;
+            Frame& frame = frames_.back();
+            if (!frame.readAhead) {
+                if (!readEntry(frame)) {
+                    frames_.pop_back();
+                    continue;
+                }
+            } else {
+                if (frame.next == frame.ahead.size() || (!frame.dir && !reopen(frame))) {
+                    frames_.pop_back();
+                    continue;
+                }
+                auto& [name, type] = frame.ahead[frame.next++];
+                name_ = std::move(name);
+                type_ = type;
             }
-            const char* name = entry->d_name;
-            if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
-            if (consider(frames_.back(), entry)) return true;
+            if (consider()) return true;
         }
         return false;
     }
 
-    // Decides on one directory entry: fills pending_ and returns true when it is yielded;
-    // descends into it when the walk is recursive.
-    bool consider(const Frame& frame, const dirent* entry) {
-        const char* name = entry->d_name;
-        const int dirFd = ::dirfd(frame.dir);
+    // Reopens a folder that was closed for a deeper one. False when it has gone, or another
+    // folder stands at its path, since it was first opened: its remaining entries went with it.
+    bool reopen(Frame& frame) {
+        const std::string path = frame.prefix.substr(0, frame.prefix.size() - 1);
+        Fd fd(retry([&] {
+            return ::openat(::dirfd(frames_.front().dir.get()), path.c_str(),
+                            O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        }));
+        if (!fd) {
+            if (vanished(errno)) return false;
+            fail(frame.prefix);
+        }
+        struct stat st {};
+        if (::fstat(fd.get(), &st) != 0) fail(frame.prefix);
+        if (st.st_dev != frame.device || st.st_ino != frame.inode) return false;
+        frame.dir.reset(::fdopendir(fd.get()));
+        if (!frame.dir) fail(frame.prefix);
+        fd.release();
+        return true;
+    }
+
+    // lstat(2) of an entry of the deepest folder; false when it has vanished.
+    bool statEntry(int dirFd, struct stat& st) const {
+        if (::fstatat(dirFd, name_.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) return true;
+        const int error = errno;
+        if (error == ENOENT) return false;
+        throwErrno(error, locationOf(frames_.back().prefix + name_));
+    }
+
+    // Decides on the entry in name_ and type_: fills pending_ and returns true when it is
+    // yielded; descends into it when the walk is recursive.
+    bool consider() {
+        const int dirFd = ::dirfd(frames_.back().dir.get());
         Record& record = pending_;
         record.haveStat = false;
-        bool link = false;
-        bool known = true;
-        switch (entry->d_type) {
-        case DT_DIR:
-            record.folder = true;
+        const bool known = type_ != DT_LNK && type_ != DT_UNKNOWN;
+        bool link = type_ == DT_LNK;
+        if (known) {
+            record.folder = type_ == DT_DIR;
             record.symlink = 0;
-            break;
-        case DT_LNK:
-            link = true;
-            known = false;
-            break;
-        case DT_UNKNOWN:
-            known = false;
-            break;
-        default:  // regular and special files
-            record.folder = false;
-            record.symlink = 0;
-            break;
         }
-        const bool match = matches(name);
+        const bool match = matches(name_);
         // A name that cannot be yielded is skipped without a stat, unless the walk must see
         // whether it is a folder to descend into.
         if (!match || (known && !selected(record.folder))) {
             if (!request_.recursive || (known && !record.folder)) return false;
         }
-
-        if (!known) {
-            if (entry->d_type == DT_UNKNOWN) {
-                if (::fstatat(dirFd, name, &record.st, AT_SYMLINK_NOFOLLOW) != 0) {
-                    if (errno == ENOENT) return false;  // vanished since it was read
-                    record.folder = false;
-                    record.symlink = -1;
-                } else if (S_ISLNK(record.st.st_mode)) {
-                    link = true;
-                } else {
-                    record.folder = S_ISDIR(record.st.st_mode);
-                    record.symlink = 0;
-                    record.haveStat = true;
-                }
-            }
-            if (link) {
-                record.symlink = 1;
-                if (::fstatat(dirFd, name, &record.st, 0) == 0) {
-                    record.folder = S_ISDIR(record.st.st_mode);
-                    record.haveStat = true;
-                } else if (::fstatat(dirFd, name, &record.st, AT_SYMLINK_NOFOLLOW) == 0) {
-                    record.folder = false;  // dangling: listed as a file with the link's own attributes
-                    record.haveStat = true;
-                } else if (errno == ENOENT) {
-                    return false;
-                } else {
-                    record.folder = false;
-                }
-            }
-        } else if (!request_.namesOnly) {
-            if (::fstatat(dirFd, name, &record.st, AT_SYMLINK_NOFOLLOW) == 0) {
-                // The entry may have been replaced since it was read; the stat is newer.
-                if (S_ISLNK(record.st.st_mode)) {
-                    record.symlink = 1;
-                    if (::fstatat(dirFd, name, &record.st, 0) != 0) {
-                        if (::fstatat(dirFd, name, &record.st, AT_SYMLINK_NOFOLLOW) != 0) return false;
-                    }
-                    link = true;
-                }
-                record.folder = S_ISDIR(record.st.st_mode);
-                record.haveStat = true;
-            } else if (errno == ENOENT) {
-                return false;
-            }
+        if (!known || !request_.namesOnly) {
+            // The entry may have been replaced since it was read; the stat is newer.
+            if (!statEntry(dirFd, record.st)) return false;
+            link = S_ISLNK(record.st.st_mode);
+            record.symlink = link ? 1 : 0;
+            struct stat target {};
+            // A link is listed as what it leads to; a dangling one as a file with its own attributes.
+            if (link && ::fstatat(dirFd, name_.c_str(), &target, 0) == 0) record.st = target;
+            record.folder = S_ISDIR(record.st.st_mode);
+            record.haveStat = true;
         }
-
         const bool yield = match && selected(record.folder);
         if (yield) {
-            record.relative.assign(frame.prefix).append(name);
+            record.relative.assign(frames_.back().prefix).append(name_);
             record.name = fl::i18n::to_ustring(record.relative);
         }
-        if (request_.recursive && record.folder && !link) descend(dirFd, name, frame.prefix);
+        if (request_.recursive && record.folder && !link) descend();
         return yield;
     }
 
-    // Opens a subfolder for the walk, never through a symbolic link (the entry may have been
-    // replaced by one since it was read) and never onto another file system.
-    void descend(int dirFd, const char* name, const std::string& prefix) {
-        Fd fd(retry([&] { return ::openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
-        if (!fd) return;  // listed without its content
+    // Opens the subfolder name_ of the deepest folder for the walk, never through a symbolic
+    // link (the entry may have been replaced by one since it was read) and never onto another
+    // file system. A subfolder that vanished meanwhile is listed without its content; one that
+    // cannot be opened fails the listing.
+    void descend() {
+        Frame& parent = frames_.back();
+        std::string prefix = parent.prefix + name_ + "/";
+        Fd fd(retry([&] {
+            return ::openat(::dirfd(parent.dir.get()), name_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        }));
+        if (!fd) {
+            if (vanished(errno)) return;
+            fail(prefix);
+        }
         struct stat st {};
-        if (::fstat(fd.get(), &st) != 0 || st.st_dev != device_) return;
-        DIR* dir = ::fdopendir(fd.get());
-        if (dir == nullptr) return;
+        if (::fstat(fd.get(), &st) != 0) fail(prefix);
+        if (st.st_dev != device_) return;
+        if (frames_.size() > 1) {
+            if (!parent.readAhead) {
+                while (readEntry(parent)) parent.ahead.emplace_back(std::move(name_), type_);
+                parent.readAhead = true;
+            }
+            parent.dir.reset();
+        }
+        Frame frame;
+        frame.dir.reset(::fdopendir(fd.get()));
+        if (!frame.dir) fail(prefix);
         fd.release();
-        frames_.push_back(Frame{dir, prefix + name + "/"});
+        frame.prefix = std::move(prefix);
+        frame.device = st.st_dev;
+        frame.inode = st.st_ino;
+        frames_.push_back(std::move(frame));
     }
 
     StorageIRI folder_;
     ListingRequest request_;
+    std::string pattern_;  // the wildcard in UTF-8
     std::string root_;
     dev_t device_ = 0;
     std::vector<Frame> frames_;
+    std::string name_;  // the entry being considered
+    unsigned char type_ = DT_UNKNOWN;
     Record pending_;
     mutable Record current_;
     mutable SharedPath currentPath_;

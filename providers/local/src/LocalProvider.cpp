@@ -35,15 +35,6 @@ bool statOrAbsent(const std::string& path, const StorageIRI& location, struct st
     throwErrno(errno, location);
 }
 
-ListingRequest request(ListingRequest::Select select, bool namesOnly, const ustring& wildcard = {},
-                       bool recursive = false) {
-    ListingRequest result;
-    result.select = select;
-    result.namesOnly = namesOnly;
-    result.recursive = recursive;
-    result.pattern = fl::i18n::to_string(wildcard);
-    return result;
-}
 
 // --- Change polling that never ends the process ---------------------------------------
 
@@ -304,78 +295,8 @@ std::unique_ptr<TransactionalStream> LocalProvider::doOpenTransactionalStreamAtS
 
 // --- Listings ----------------------------------------------------------------------------
 
-using Select = ListingRequest::Select;
-
-std::unique_ptr<IFolderEntryIterator> LocalProvider::doListAll(const StorageIRI& folder) const {
-    return listFolder(folder, request(Select::All, false));
-}
-
-std::unique_ptr<IFolderEntryIterator> LocalProvider::doListAllWildcards(const StorageIRI& folder,
-                                                                        ustring wildcard) const {
-    return listFolder(folder, request(Select::All, false, wildcard));
-}
-
-std::unique_ptr<IFolderEntryIterator> LocalProvider::doListFiles(const StorageIRI& folder) const {
-    return listFolder(folder, request(Select::Files, false));
-}
-
-std::unique_ptr<IFolderEntryIterator> LocalProvider::doListFilesWildcards(const StorageIRI& folder,
-                                                                          ustring wildcard) const {
-    return listFolder(folder, request(Select::Files, false, wildcard));
-}
-
-std::unique_ptr<IFolderEntryIterator> LocalProvider::doListFolders(const StorageIRI& folder) const {
-    return listFolder(folder, request(Select::Folders, false));
-}
-
-std::unique_ptr<IFolderEntryIterator> LocalProvider::doListFoldersWildcards(const StorageIRI& folder,
-                                                                            ustring wildcard) const {
-    return listFolder(folder, request(Select::Folders, false, wildcard));
-}
-
-std::unique_ptr<IFolderEntryIterator> LocalProvider::doListAllNamesOnly(const StorageIRI& folder) const {
-    return listFolder(folder, request(Select::All, true));
-}
-
-std::unique_ptr<IFolderEntryIterator> LocalProvider::doListAllNamesOnlyWildcards(const StorageIRI& folder,
-                                                                                 ustring wildcard) const {
-    return listFolder(folder, request(Select::All, true, wildcard));
-}
-
-std::unique_ptr<IFolderEntryIterator> LocalProvider::doListFoldersNamesOnly(const StorageIRI& folder) const {
-    return listFolder(folder, request(Select::Folders, true));
-}
-
-std::unique_ptr<IFolderEntryIterator> LocalProvider::doListFoldersNamesOnlyWildcards(const StorageIRI& folder,
-                                                                                     ustring wildcard) const {
-    return listFolder(folder, request(Select::Folders, true, wildcard));
-}
-
-std::unique_ptr<IFolderEntryIterator> LocalProvider::doListFilesNamesOnly(const StorageIRI& folder) const {
-    return listFolder(folder, request(Select::Files, true));
-}
-
-std::unique_ptr<IFolderEntryIterator> LocalProvider::doListFilesNamesOnlyWildcards(const StorageIRI& folder,
-                                                                                   ustring wildcard) const {
-    return listFolder(folder, request(Select::Files, true, wildcard));
-}
-
-std::unique_ptr<IFolderEntryIterator> LocalProvider::doListAllRecursive(const StorageIRI& folder) const {
-    return listFolder(folder, request(Select::All, false, {}, true));
-}
-
-std::unique_ptr<IFolderEntryIterator> LocalProvider::doListAllRecursiveWildcards(const StorageIRI& folder,
-                                                                                 ustring wildcard) const {
-    return listFolder(folder, request(Select::All, false, wildcard, true));
-}
-
-std::unique_ptr<IFolderEntryIterator> LocalProvider::doListAllRecursiveNamesOnly(const StorageIRI& folder) const {
-    return listFolder(folder, request(Select::All, true, {}, true));
-}
-
-std::unique_ptr<IFolderEntryIterator> LocalProvider::doListAllRecursiveNamesOnlyWildcards(const StorageIRI& folder,
-                                                                                          ustring wildcard) const {
-    return listFolder(folder, request(Select::All, true, wildcard, true));
+std::unique_ptr<IFolderEntryIterator> LocalProvider::doList(const StorageIRI& folder, ListingRequest request) const {
+    return listFolder(folder, std::move(request));
 }
 
 // --- Change events -----------------------------------------------------------------------

@@ -91,6 +91,11 @@ SharedPath sharePath(std::string_view folder, std::string_view name = {});
 FileAttributes fileAttributes(const struct stat& st, const SharedPath& path, bool hidden, int symlink);
 FolderAttributes folderAttributes(const struct stat& st, const SharedPath& path, bool hidden, int symlink);
 
+// Whether a directory entry's name is "." or "..", which no walk of a folder yields.
+inline bool isDotOrDotDot(const char* name) {
+    return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
 // Whether a name is hidden (starts with '.').
 inline bool isHiddenName(std::string_view name) { return !name.empty() && name.front() == '.'; }
 

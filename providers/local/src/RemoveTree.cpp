@@ -64,7 +64,7 @@ private:
             return;
         }
         const char* name = entry->d_name;
-        if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) return;
+        if (isDotOrDotDot(name)) return;
         const int folderFd = ::dirfd(frames_.back().dir);
         bool folder = entry->d_type == DT_DIR;
         if (entry->d_type == DT_UNKNOWN) {

@@ -1,7 +1,10 @@
 #include "Listing.h"
 
+#include <optional>
 #include <utility>
 #include <vector>
+
+#include "Wildcard.h"
 
 namespace foundation::storage::provider::zip::detail {
 namespace {
@@ -10,6 +13,7 @@ class Listing : public IFolderEntryIterator {
 public:
     Listing(std::shared_ptr<const Archive> archive, std::uint32_t folder, ListingRequest request)
         : archive_(std::move(archive)), index_(archive_->index()), request_(std::move(request)) {
+        if (!request_.wildcard.empty()) wildcard_.emplace(std::move(request_.wildcard));
         const Node& node = index_.node(folder);
         frames_.push_back({node.firstChild, node.firstChild + node.childCount, 0});
     }
@@ -43,7 +47,7 @@ public:
     }
 
     std::optional<std::size_t> remainingHint() const override {
-        if (request_.recursive || request_.wildcard || request_.select != ListingRequest::Select::All) {
+        if (request_.recursive || wildcard_ || request_.select != ListingRequest::Select::All) {
             return std::nullopt;
         }
         if (frames_.empty()) return 0;
@@ -64,7 +68,7 @@ private:
             node.folder != (request_.select == ListingRequest::Select::Folders)) {
             return false;
         }
-        return !request_.wildcard || request_.wildcard->matches(index_.name(node));
+        return !wildcard_ || wildcard_->matches(index_.name(node));
     }
 
     // Moves current_ to the next entry to yield; false at the end. In a recursive listing a
@@ -95,6 +99,7 @@ private:
     std::shared_ptr<const Archive> archive_;
     const Index& index_;
     ListingRequest request_;
+    std::optional<Wildcard> wildcard_;  // compiled from request_.wildcard
     std::vector<Frame> frames_;
     std::uint32_t current_ = 0;
     bool enterCurrent_ = false;    // current_ is a folder whose content comes next

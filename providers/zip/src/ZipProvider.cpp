@@ -10,7 +10,6 @@ namespace foundation::storage::provider::zip {
 namespace {
 
 using detail::Index;
-using detail::ListingRequest;
 
 // A container that is missing, or not a file, holds no entries.
 bool containerAbsent(const Exception& e) {
@@ -26,12 +25,6 @@ const Node& find(const detail::Archive& archive, const StorageIRI& location) {
     if (found.outcome == Index::Outcome::Missing) throw Exception(ErrorCode::ResourceNotFound, location);
     if (found.outcome == Index::Outcome::ThroughFile) throw Exception(ErrorCode::InvalidLocation, location);
     return archive.index().node(found.node);
-}
-
-ListingRequest request(ListingRequest::Select select, bool namesOnly, bool recursive, ustring wildcard) {
-    ListingRequest listing{select, namesOnly, recursive, std::nullopt};
-    if (!wildcard.empty()) listing.wildcard.emplace(std::move(wildcard));
-    return listing;
 }
 
 }  // namespace
@@ -118,8 +111,7 @@ std::unique_ptr<ByteStream> ZipProvider::doOpenReadOnlyStream(const StorageIRI& 
     return current->openEntry(node, location);
 }
 
-std::unique_ptr<IFolderEntryIterator> ZipProvider::list(const StorageIRI& folder,
-                                                        detail::ListingRequest request) const {
+std::unique_ptr<IFolderEntryIterator> ZipProvider::doList(const StorageIRI& folder, ListingRequest request) const {
     auto current = archive(folder);
     const Index::Lookup found = current->index().find(folder.getPath());
     if (found.outcome == Index::Outcome::Missing) throw Exception(ErrorCode::ResourceNotFound, folder);
@@ -127,60 +119,6 @@ std::unique_ptr<IFolderEntryIterator> ZipProvider::list(const StorageIRI& folder
         throw Exception(ErrorCode::InvalidLocation, folder);
     }
     return detail::makeListing(std::move(current), found.node, std::move(request));
-}
-
-using Select = ListingRequest::Select;
-
-std::unique_ptr<IFolderEntryIterator> ZipProvider::doListAll(const StorageIRI& f) const {
-    return list(f, request(Select::All, false, false, {}));
-}
-std::unique_ptr<IFolderEntryIterator> ZipProvider::doListAllWildcards(const StorageIRI& f, ustring w) const {
-    return list(f, request(Select::All, false, false, std::move(w)));
-}
-std::unique_ptr<IFolderEntryIterator> ZipProvider::doListFiles(const StorageIRI& f) const {
-    return list(f, request(Select::Files, false, false, {}));
-}
-std::unique_ptr<IFolderEntryIterator> ZipProvider::doListFilesWildcards(const StorageIRI& f, ustring w) const {
-    return list(f, request(Select::Files, false, false, std::move(w)));
-}
-std::unique_ptr<IFolderEntryIterator> ZipProvider::doListFolders(const StorageIRI& f) const {
-    return list(f, request(Select::Folders, false, false, {}));
-}
-std::unique_ptr<IFolderEntryIterator> ZipProvider::doListFoldersWildcards(const StorageIRI& f, ustring w) const {
-    return list(f, request(Select::Folders, false, false, std::move(w)));
-}
-std::unique_ptr<IFolderEntryIterator> ZipProvider::doListAllNamesOnly(const StorageIRI& f) const {
-    return list(f, request(Select::All, true, false, {}));
-}
-std::unique_ptr<IFolderEntryIterator> ZipProvider::doListAllNamesOnlyWildcards(const StorageIRI& f, ustring w) const {
-    return list(f, request(Select::All, true, false, std::move(w)));
-}
-std::unique_ptr<IFolderEntryIterator> ZipProvider::doListFoldersNamesOnly(const StorageIRI& f) const {
-    return list(f, request(Select::Folders, true, false, {}));
-}
-std::unique_ptr<IFolderEntryIterator> ZipProvider::doListFoldersNamesOnlyWildcards(const StorageIRI& f,
-                                                                                    ustring w) const {
-    return list(f, request(Select::Folders, true, false, std::move(w)));
-}
-std::unique_ptr<IFolderEntryIterator> ZipProvider::doListFilesNamesOnly(const StorageIRI& f) const {
-    return list(f, request(Select::Files, true, false, {}));
-}
-std::unique_ptr<IFolderEntryIterator> ZipProvider::doListFilesNamesOnlyWildcards(const StorageIRI& f,
-                                                                                  ustring w) const {
-    return list(f, request(Select::Files, true, false, std::move(w)));
-}
-std::unique_ptr<IFolderEntryIterator> ZipProvider::doListAllRecursive(const StorageIRI& f) const {
-    return list(f, request(Select::All, false, true, {}));
-}
-std::unique_ptr<IFolderEntryIterator> ZipProvider::doListAllRecursiveWildcards(const StorageIRI& f, ustring w) const {
-    return list(f, request(Select::All, false, true, std::move(w)));
-}
-std::unique_ptr<IFolderEntryIterator> ZipProvider::doListAllRecursiveNamesOnly(const StorageIRI& f) const {
-    return list(f, request(Select::All, true, true, {}));
-}
-std::unique_ptr<IFolderEntryIterator> ZipProvider::doListAllRecursiveNamesOnlyWildcards(const StorageIRI& f,
-                                                                                        ustring w) const {
-    return list(f, request(Select::All, true, true, std::move(w)));
 }
 
 void ZipProvider::doInvalidate(const StorageIRI& location) {

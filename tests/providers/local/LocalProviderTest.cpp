@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <functional>
@@ -387,6 +388,38 @@ TEST_F(LocalProviderTest, LeavesOutEntriesThatVanishWhileListed) {
     EXPECT_EQ(drain(provider_->listAll(at(""))), 1U);
     // Names-only listings of regular files take the directory's word and never stat.
     EXPECT_EQ(drain(provider_->listAllNamesOnly(at(""))), static_cast<std::size_t>(kFiles));
+}
+
+TEST_F(LocalProviderTest, RecursiveListingsNeedFewDescriptorsAndNeverSkipAFolder) {
+    // 30 nested folders of 19 files each: 600 entries, deeper than the descriptors left.
+    std::string chain = "tree";
+    ::mkdir(path(chain).c_str(), 0755);
+    for (int depth = 0; depth < 30; ++depth) {
+        chain += "/d" + std::to_string(depth);
+        ASSERT_EQ(::mkdir(path(chain).c_str(), 0755), 0);
+        for (int i = 0; i < 19; ++i) writeFile(path(chain + "/f" + std::to_string(i)), "x");
+    }
+    const auto count = [&] { return listed(provider_->listAllRecursive(at("tree"))).size(); };
+    ASSERT_EQ(count(), 600U);
+    rlimit old{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
+    auto withLimit = [&](int limit, const std::function<void()>& action) {
+        const rlimit low{static_cast<rlim_t>(limit), old.rlim_max};
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+        action();
+        ::setrlimit(RLIMIT_NOFILE, &old);
+    };
+    int highest = 0;  // at least three free descriptors above it
+    for (const std::string& fd : test::namesIn("/proc/self/fd")) highest = std::max(highest, std::stoi(fd));
+    withLimit(highest + 4, [&] { EXPECT_EQ(count(), 600U); });
+    const int lowest = ::open("/dev/null", O_RDONLY | O_CLOEXEC);  // one free descriptor, taken by the folder
+    ::close(lowest);
+    withLimit(lowest + 1, [&] { bad(ErrorCode::IOError, "tree/d0", count); });
+    if (!test::permissionsIgnored()) {
+        ASSERT_EQ(::chmod(path("tree/d0/d1").c_str(), 0), 0);
+        bad(ErrorCode::PermissionDenied, "tree/d0/d1", count);
+        ::chmod(path("tree/d0/d1").c_str(), 0755);
+    }
 }
 
 TEST_F(LocalProviderTest, StreamsReportTheirFailures) {

@@ -58,9 +58,12 @@ class WrittenFileSystems;
 // being read and being stat'ed is left out. Wildcards are matched by fnmatch(3) without
 // flags against the entry's name ('*', '?', '[...]'; a leading '.' is matched like any
 // character). Recursive listings walk iteratively (depth first, a folder before its
-// content), never descend through a symbolic link or into another file system, yield paths
-// relative to the listed folder ('deeper/c.txt'), match wildcards against the last element
-// only, and list a subfolder that cannot be opened without its content.
+// content) with at most three open descriptors, never descend through a symbolic link or
+// into another file system, yield paths relative to the listed folder ('deeper/c.txt') and
+// match wildcards against the last element only. A listing yields every entry or throws: a
+// folder or subfolder that cannot be opened or read fails it with the mapped code and that
+// folder's location (EACCES: PermissionDenied; EMFILE, ENFILE, ENOMEM: IOError); only
+// entries that vanish while listed are left out.
 //
 // Streams honour every ByteStreamOpenOptions field (WriteOnly opens O_WRONLY; Append writes at
 // the end whatever the position). A failing read, write, seek or close throws
@@ -180,29 +183,7 @@ protected:
     std::unique_ptr<ByteStream> doOpenReadOnlyStream(const StorageIRI& location) const override;
     std::unique_ptr<TransactionalStream> doOpenTransactionalStreamAtScratchLocation(
         const StorageIRI& location, const StorageIRI& scratch, const ByteStreamOpenOptions& options) const override;
-    std::unique_ptr<IFolderEntryIterator> doListAll(const StorageIRI& folder) const override;
-    std::unique_ptr<IFolderEntryIterator> doListAllWildcards(const StorageIRI& folder, ustring wildcard) const override;
-    std::unique_ptr<IFolderEntryIterator> doListFiles(const StorageIRI& folder) const override;
-    std::unique_ptr<IFolderEntryIterator> doListFilesWildcards(const StorageIRI& folder,
-                                                               ustring wildcard) const override;
-    std::unique_ptr<IFolderEntryIterator> doListFolders(const StorageIRI& folder) const override;
-    std::unique_ptr<IFolderEntryIterator> doListFoldersWildcards(const StorageIRI& folder,
-                                                                 ustring wildcard) const override;
-    std::unique_ptr<IFolderEntryIterator> doListAllNamesOnly(const StorageIRI& folder) const override;
-    std::unique_ptr<IFolderEntryIterator> doListAllNamesOnlyWildcards(const StorageIRI& folder,
-                                                                      ustring wildcard) const override;
-    std::unique_ptr<IFolderEntryIterator> doListFoldersNamesOnly(const StorageIRI& folder) const override;
-    std::unique_ptr<IFolderEntryIterator> doListFoldersNamesOnlyWildcards(const StorageIRI& folder,
-                                                                          ustring wildcard) const override;
-    std::unique_ptr<IFolderEntryIterator> doListFilesNamesOnly(const StorageIRI& folder) const override;
-    std::unique_ptr<IFolderEntryIterator> doListFilesNamesOnlyWildcards(const StorageIRI& folder,
-                                                                        ustring wildcard) const override;
-    std::unique_ptr<IFolderEntryIterator> doListAllRecursive(const StorageIRI& folder) const override;
-    std::unique_ptr<IFolderEntryIterator> doListAllRecursiveWildcards(const StorageIRI& folder,
-                                                                      ustring wildcard) const override;
-    std::unique_ptr<IFolderEntryIterator> doListAllRecursiveNamesOnly(const StorageIRI& folder) const override;
-    std::unique_ptr<IFolderEntryIterator> doListAllRecursiveNamesOnlyWildcards(const StorageIRI& folder,
-                                                                               ustring wildcard) const override;
+    std::unique_ptr<IFolderEntryIterator> doList(const StorageIRI& folder, ListingRequest request) const override;
     void doCopyFile(const StorageIRI& from, const StorageIRI& to, const ReplacementPolicy& policy) const override;
     TransactionStatus doCopyFileAtomic(const StorageIRI& from, const StorageIRI& to, const ReplacementPolicy& policy,
                                        const std::function<InterruptSignal()>& interrupt) const override;

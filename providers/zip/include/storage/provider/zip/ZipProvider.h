@@ -14,7 +14,6 @@ namespace foundation::storage::provider::zip {
 
 namespace detail {
 class Archive;
-struct ListingRequest;
 }
 
 // What an archive may declare before it is refused as implausible (a zip bomb), with IOError.
@@ -99,29 +98,7 @@ protected:
     FileAttributes doGetFileAttributes(const StorageIRI& location) const override;
     FolderAttributes doGetFolderAttributes(const StorageIRI& location) const override;
     std::unique_ptr<ByteStream> doOpenReadOnlyStream(const StorageIRI& location) const override;
-    std::unique_ptr<IFolderEntryIterator> doListAll(const StorageIRI& folder) const override;
-    std::unique_ptr<IFolderEntryIterator> doListAllWildcards(const StorageIRI& folder, ustring wildcard) const override;
-    std::unique_ptr<IFolderEntryIterator> doListFiles(const StorageIRI& folder) const override;
-    std::unique_ptr<IFolderEntryIterator> doListFilesWildcards(const StorageIRI& folder,
-                                                               ustring wildcard) const override;
-    std::unique_ptr<IFolderEntryIterator> doListFolders(const StorageIRI& folder) const override;
-    std::unique_ptr<IFolderEntryIterator> doListFoldersWildcards(const StorageIRI& folder,
-                                                                 ustring wildcard) const override;
-    std::unique_ptr<IFolderEntryIterator> doListAllNamesOnly(const StorageIRI& folder) const override;
-    std::unique_ptr<IFolderEntryIterator> doListAllNamesOnlyWildcards(const StorageIRI& folder,
-                                                                      ustring wildcard) const override;
-    std::unique_ptr<IFolderEntryIterator> doListFoldersNamesOnly(const StorageIRI& folder) const override;
-    std::unique_ptr<IFolderEntryIterator> doListFoldersNamesOnlyWildcards(const StorageIRI& folder,
-                                                                          ustring wildcard) const override;
-    std::unique_ptr<IFolderEntryIterator> doListFilesNamesOnly(const StorageIRI& folder) const override;
-    std::unique_ptr<IFolderEntryIterator> doListFilesNamesOnlyWildcards(const StorageIRI& folder,
-                                                                        ustring wildcard) const override;
-    std::unique_ptr<IFolderEntryIterator> doListAllRecursive(const StorageIRI& folder) const override;
-    std::unique_ptr<IFolderEntryIterator> doListAllRecursiveWildcards(const StorageIRI& folder,
-                                                                      ustring wildcard) const override;
-    std::unique_ptr<IFolderEntryIterator> doListAllRecursiveNamesOnly(const StorageIRI& folder) const override;
-    std::unique_ptr<IFolderEntryIterator> doListAllRecursiveNamesOnlyWildcards(const StorageIRI& folder,
-                                                                               ustring wildcard) const override;
+    std::unique_ptr<IFolderEntryIterator> doList(const StorageIRI& folder, ListingRequest request) const override;
 
     void doInvalidate(const StorageIRI& location) override;
 
@@ -131,7 +108,6 @@ private:
     std::shared_ptr<const detail::Archive> archive(const StorageIRI& location) const;
     // InvalidLocation unless `location` is an entry location of this container.
     void requireOwn(const StorageIRI& location) const;
-    std::unique_ptr<IFolderEntryIterator> list(const StorageIRI& folder, detail::ListingRequest request) const;
 
     StorageItem container_;
     ZipLimits limits_;
