@@ -75,18 +75,18 @@ const char* words(sp::ErrorCode code) {
     return "failed for an unknown reason";
 }
 
+std::string describe(sp::ErrorCode code, std::string_view reason) {
+    return sp::toString(code) + ": " + std::string(reason);
+}
+
 // "ErrorCode::Name: reason", the reason being the exception's contexts (top first) or the
 // code's words.
 std::string describe(sp::ErrorCode code, const std::deque<sp::ExceptionContext>& contexts = {}) {
-    std::string message = sp::toString(code) + ":";
-    for (const sp::ExceptionContext& context : contexts) message += " " + utf8(context.getExceptionContextKey()) + ":";
-    if (contexts.empty()) message += std::string(" ") + words(code) + ":";
-    message.pop_back();
-    return message;
-}
-
-std::string describe(sp::ErrorCode code, std::string_view reason) {
-    return sp::toString(code) + ": " + std::string(reason);
+    std::string reason;
+    for (const sp::ExceptionContext& context : contexts) {
+        reason += (reason.empty() ? "" : ": ") + utf8(context.getExceptionContextKey());
+    }
+    return describe(code, reason.empty() ? words(code) : reason);
 }
 
 // Runs a command; a failure becomes one line on standard error and exit status 1. Failures
