@@ -8,6 +8,9 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   # Boost headers trip a few clang-only warnings; keep the rest.
   target_compile_options(qkfl_warnings INTERFACE -Wno-unused-private-field)
 endif()
+if(QKFL_WERROR)
+  target_compile_options(qkfl_warnings INTERFACE -Werror)
+endif()
 
 if(QKFL_SANITIZE)
   string(REPLACE ";" "," _qkfl_san "${QKFL_SANITIZE}")

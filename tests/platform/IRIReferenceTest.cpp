@@ -142,7 +142,8 @@ TEST(IRIRelative, ResolvesBackOverGeneratedPairs) {
         const int segments = std::uniform_int_distribution<int>(0, 5)(random);
         if (segments == 0 && uri.ends_with("//a")) return uri + pick({"", "?q", "#f"});
         for (int i = 0; i < segments; ++i) {
-            uri += "/" + (withDots ? pick({"a", "b", "", ".", "..", "x:y"}) : pick({"a", "b", "", "c%2Fd", "x:y"}));
+            uri += '/';
+            uri += withDots ? pick({"a", "b", "", ".", "..", "x:y"}) : pick({"a", "b", "", "c%2Fd", "x:y"});
         }
         if (segments == 0) uri += "/";
         return uri + pick({"", "", "?", "?q", "?r"}) + pick({"", "", "#", "#f"});

@@ -1,10 +1,9 @@
-# qkfl: its commands in-process, and the built tool end to end as a child process. The tests
+# qkfl: the built tool end to end, as a child process. The tests
 # build their sample archives with libzip, so they need the zip provider's build too.
 if(TARGET qkfl AND TARGET libzip::zip)
-  add_executable(qkfl_tool_tests ${CMAKE_CURRENT_LIST_DIR}/ListingTest.cpp
-    ${CMAKE_CURRENT_LIST_DIR}/QkflCliTest.cpp ${CMAKE_CURRENT_LIST_DIR}/ToolRunner.cpp)
+  add_executable(qkfl_tool_tests ${CMAKE_CURRENT_LIST_DIR}/QkflCliTest.cpp ${CMAKE_CURRENT_LIST_DIR}/ToolRunner.cpp)
   target_link_libraries(qkfl_tool_tests PRIVATE
-    qkfl_tool_commands libzip::zip GTest::gtest GTest::gtest_main qkfl_warnings)
+    qkfl::storageprovider libzip::zip GTest::gtest GTest::gtest_main qkfl_warnings)
   target_compile_definitions(qkfl_tool_tests PRIVATE QKFL_TOOL_PATH="$<TARGET_FILE:qkfl>")
   add_dependencies(qkfl_tool_tests qkfl)
   qkfl_test_pch(qkfl_tool_tests)

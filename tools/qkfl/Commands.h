@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Registry.h"
+#include "Text.h"
 #include "storage/provider/ChangeEvents.h"
 #include "storage/provider/Options.h"
 
@@ -54,7 +55,8 @@ int runCp(const ProviderRegistry& registry, const CopyOptions& options);
 int runMv(const ProviderRegistry& registry, const CopyOptions& options);
 int runRm(const ProviderRegistry& registry, bool recursive, const std::string& location);
 int runMkdir(const ProviderRegistry& registry, bool parents, const std::string& location);
-int runTruncate(const ProviderRegistry& registry, std::uint64_t size, const std::string& location);
+// Makes a missing file first when `create`.
+int runTruncate(const ProviderRegistry& registry, const SizeChange& size, bool create, const std::string& location);
 int runWatch(const ProviderRegistry& registry, const WatchOptions& options);
 int runDemo(const ProviderRegistry& registry);
 

@@ -33,11 +33,11 @@ using sp::StorageItem;
 
 ExistenceType existence(const StorageItem& item) { return item.getProvider()->exists(item.getLocation()); }
 
-// "d", then one letter per flag: writable, hidden, symbolic link.
+// As ls: the type ('l' symbolic link, 'd' folder, '-' file), then 'w' when writable and 'h'
+// when hidden, '-' otherwise.
 template <class Attributes>
 std::string flags(char type, const Attributes& a) {
-    return fmt::format("{}{}{}{}", type, a.isWritable() ? 'w' : '-', a.isHidden() ? 'h' : '-',
-                       a.isSymlink() ? 'l' : '-');
+    return fmt::format("{}{}{}", a.isSymlink() ? 'l' : type, a.isWritable() ? 'w' : '-', a.isHidden() ? 'h' : '-');
 }
 
 // "writable hidden symlink", the flags that are set, or "-".
@@ -52,8 +52,7 @@ std::string flagWords(const Attributes& a) {
     return words;
 }
 
-std::string longLine(const FolderEntry& entry) {
-    const std::string name = utf8(entry.getName());
+std::string longLine(const FolderEntry& entry, const std::string& name) {
     if (const auto& file = entry.getFileAttributes()) {
         const std::string size = file->hasSizeAttribute() ? std::to_string(file->getSize()) : "?";
         return fmt::format("{} {:>12} {} {}", flags('-', *file), size, formatTime(file->getLastModified()), name);
@@ -61,14 +60,23 @@ std::string longLine(const FolderEntry& entry) {
     if (const auto& folder = entry.getFolderAttributes()) {
         return fmt::format("{} {:>12} {} {}/", flags('d', *folder), "-", formatTime(folder->getLastModified()), name);
     }
-    return fmt::format("{} {:>12} {:19} {}{}", entry.isFile() ? "-???" : "d???", "?", "?", name,
-                       entry.isFile() ? "" : "/");
+    return fmt::format("{} {:>12} {:19} {}{}", entry.isFile() ? "-??" : "d??", "?", "?", name, entry.isFile() ? "" : "/");
 }
 
 // Target of a copy or move: into `target` when it is an existing folder, as cp and mv do.
 StorageItem destination(const StorageItem& source, const StorageItem& target) {
     if (target.folderExists()) return StorageItem(target, source.getName());
     return target;
+}
+
+// cp and mv refuse a target that is their source (a copy would truncate what it reads) or,
+// for a folder, lies inside it.
+void refuseOwnTarget(const StorageItem& source, const StorageItem& target, bool folder) {
+    if (!source.hasSameProviderInstance(target)) return;
+    const sp::StorageIRI from = source.getCanonicalLocation();
+    const sp::StorageIRI to = target.getCanonicalLocation();
+    if (from == to) fail(ErrorCode::InvalidLocation, target, u"is the source itself");
+    if (folder && from.isAncestorOf(to)) fail(ErrorCode::InvalidLocation, target, u"is inside the source folder");
 }
 
 bool stderrIsTerminal() { return ::isatty(STDERR_FILENO) == 1; }
@@ -107,11 +115,14 @@ int runLs(const ProviderRegistry& registry, const LsOptions& o) {
         default:
             fail(ErrorCode::ResourceNotFound, item);
     }
+    // Names in the form of the argument, so that each pastes back after it.
+    const bool literal = isLocalPath(o.location);
     for (const FolderEntry& entry : entries) {
+        const std::string name = literal ? utf8(entry.getName()) : iriPath(entry.getName());
         if (o.longFormat) {
-            fmt::print("{}\n", longLine(entry));
+            fmt::print("{}\n", longLine(entry, name));
         } else {
-            fmt::print("{}{}\n", utf8(entry.getName()), entry.isFile() ? "" : "/");
+            fmt::print("{}{}\n", name, entry.isFile() ? "" : "/");
         }
     }
     return kExitOk;
@@ -160,6 +171,7 @@ int runStat(const ProviderRegistry& registry, const std::string& location) {
 
 int runCat(const ProviderRegistry& registry, const std::string& location) {
     const StorageItem item = registry.itemFor(location);
+    if (item.folderExists()) fail(ErrorCode::InvalidLocation, item, u"is a folder");
     const std::unique_ptr<sp::ByteStream> stream = item.openReadOnlyStream();
     std::vector<char> buffer(std::size_t(1) << 16);
     for (;;) {
@@ -176,11 +188,8 @@ int runCp(const ProviderRegistry& registry, const CopyOptions& options) {
     installInterruptHandler();
     const StorageItem source = registry.itemFor(options.source);
     const StorageItem target = destination(source, registry.itemFor(options.target));
-    if (source.folderExists()) fail(ErrorCode::InvalidLocation, source, u"a folder: cp copies files");
-    // A plain copy onto its own source would truncate what it is about to read.
-    if (source.hasSameProviderInstance(target) && source.getCanonicalLocation() == target.getCanonicalLocation()) {
-        fail(ErrorCode::InvalidLocation, target, u"the source itself");
-    }
+    if (source.folderExists()) fail(ErrorCode::InvalidLocation, source, u"is a folder: cp copies files");
+    refuseOwnTarget(source, target, false);
     return copyOne(source, target, options, "cp");
 }
 
@@ -188,7 +197,9 @@ int runMv(const ProviderRegistry& registry, const CopyOptions& options) {
     installInterruptHandler();
     const StorageItem source = registry.itemFor(options.source);
     const StorageItem target = destination(source, registry.itemFor(options.target));
-    switch (existence(source)) {
+    const ExistenceType kind = existence(source);
+    refuseOwnTarget(source, target, kind == ExistenceType::AsFolder);
+    switch (kind) {
         case ExistenceType::AsFile:
             if (source.hasSameProviderInstance(target)) {
                 source.moveFile(target.getLocation(), options.policy);
@@ -247,8 +258,17 @@ int runMkdir(const ProviderRegistry& registry, bool parents, const std::string& 
     return kExitOk;
 }
 
-int runTruncate(const ProviderRegistry& registry, std::uint64_t size, const std::string& location) {
-    registry.itemFor(location).truncateToSize(size);
+int runTruncate(const ProviderRegistry& registry, const SizeChange& size, bool create, const std::string& location) {
+    const StorageItem item = registry.itemFor(location);
+    const ExistenceType kind = existence(item);
+    if (kind == ExistenceType::AsFolder) fail(ErrorCode::InvalidLocation, item, u"is a folder");
+    if (kind != ExistenceType::AsFile && !create) fail(ErrorCode::ResourceNotFound, item);
+    const std::uint64_t current =
+        kind == ExistenceType::AsFile && size.prefix != 0 ? item.getFileAttributes().getSize() : 0;
+    const auto wanted = size.applyTo(current);
+    if (!wanted) fail(ErrorCode::FileTooLarge, item, u"the new size does not fit in 64 bits");
+    if (kind != ExistenceType::AsFile) item.createFile();
+    item.truncateToSize(*wanted);
     return kExitOk;
 }
 

@@ -1,8 +1,10 @@
 // qkfl: files and folders of any provider from the shell.
 #include <cstdio>
+#include <deque>
 #include <functional>
 #include <iostream>
 #include <string>
+#include <string_view>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -26,10 +28,18 @@ Locations: an IRI or a local path.
   zip:file:///tmp/a.zip!/x.txt  an entry of a zip archive (read-only)
   zip:zip:file:///tmp/a.zip!/inner.zip!/x.txt
                                 an entry of a zip inside a zip, to any depth
-  a.txt, ../b, /tmp/c           local paths, relative to the working folder
-                                (write ./a:b for a relative name with a ':')
+  a.txt, ../b, /tmp/c, 'r#2'    local paths, relative to the working folder, taken
+                                literally: 'r#2' is the file named r#2
+  Text that is not an IRI is a local path (a:b); write ./zip:x or ./c:/d for a relative
+  path that would read as one.
+In an IRI, write these characters of a name as '%' and two hex digits:
+  '#' %23   '?' %3F   '!' %21   '%' %25   space %20
+  so file:///tmp/r%232 is /tmp/r#2 and zip:file:///tmp/my%20files.zip!/50%25.txt is the
+  entry 50%.txt of '/tmp/my files.zip'. Letters beyond ASCII may be written as they are
+  (file:///tmp/café) or as their UTF-8 bytes (file:///tmp/caf%C3%A9). 'ls' prints names in
+  the form of the folder given: IRI-encoded under an IRI, literal under a local path.
 
-Exit status: 0 done, 1 failed (one line: qkfl: COMMAND: LOCATION: ErrorCode::...),
+Exit status: 0 done, 1 failed (one line: qkfl: COMMAND: LOCATION: ErrorCode::CODE: REASON),
 2 wrong usage, 130 interrupted.
 )";
 
@@ -45,10 +55,38 @@ void printFailure(const std::string& command, const std::string& location, const
     }
 }
 
-std::string describe(sp::ErrorCode code, const std::u16string& contexts) {
-    std::string message = sp::toString(code);
-    if (!contexts.empty()) message += ": " + utf8(contexts);
-    return message;
+// A few words for each code, for failures that carry no reason of their own.
+const char* words(sp::ErrorCode code) {
+    switch (code) {
+        case sp::ErrorCode::FolderNotEmpty: return "the folder is not empty";
+        case sp::ErrorCode::InvalidLocation: return "not a location this command can use";
+        case sp::ErrorCode::PermissionDenied: return "permission denied";
+        case sp::ErrorCode::ResourceAlreadyExists: return "already exists";
+        case sp::ErrorCode::ResourceNotFound: return "no such file or folder";
+        case sp::ErrorCode::FileTooLarge: return "too large for this storage";
+        case sp::ErrorCode::ResourceInUse: return "in use";
+        case sp::ErrorCode::ReadOnlyProvider: return "the storage is read-only";
+        case sp::ErrorCode::NoSpaceLeft: return "no space left";
+        case sp::ErrorCode::IOError: return "input/output error";
+        case sp::ErrorCode::InternalError: return "internal error";
+        case sp::ErrorCode::UnsupportedOperation: return "not supported by this provider";
+        case sp::ErrorCode::Unknown: break;
+    }
+    return "failed for an unknown reason";
+}
+
+std::string describe(sp::ErrorCode code, std::string_view reason) {
+    return sp::toString(code) + ": " + std::string(reason);
+}
+
+// "ErrorCode::Name: reason", the reason being the exception's contexts (top first) or the
+// code's words.
+std::string describe(sp::ErrorCode code, const std::deque<sp::ExceptionContext>& contexts = {}) {
+    std::string reason;
+    for (const sp::ExceptionContext& context : contexts) {
+        reason += (reason.empty() ? "" : ": ") + utf8(context.getExceptionContextKey());
+    }
+    return describe(code, reason.empty() ? words(code) : reason);
 }
 
 // Runs a command; a failure becomes one line on standard error and exit status 1. Failures
@@ -57,19 +95,19 @@ int run(const std::string& command, const std::string& argument, const std::func
     try {
         return body();
     } catch (const sp::Exception& e) {
-        printFailure(command, text(e.getStorageIRI()), describe(e.getErrorCode(), e.getExceptionContextsString()));
+        printFailure(command, text(e.getStorageIRI()), describe(e.getErrorCode(), e.getAllExceptionContexts()));
     } catch (const BadLocation& e) {
-        printFailure(command, e.text, describe(sp::ErrorCode::InvalidLocation, utf16(e.reason)));
+        printFailure(command, e.text, describe(sp::ErrorCode::InvalidLocation, e.reason));
     } catch (const sp::ChangeEventsNotSupportedException& e) {
         printFailure(command, text(e.getStorageIRI()),
-                     describe(sp::ErrorCode::UnsupportedOperation, u"no native change events here (use --poll MS)"));
+                     describe(sp::ErrorCode::UnsupportedOperation, "no native change events here (use --poll MS)"));
     } catch (const sp::ChangeEventsSubscriptionException& e) {
         printFailure(command, text(e.getStorageIRI()),
-                     describe(sp::ErrorCode::IOError, u"the system refused a subscription to change events"));
+                     describe(sp::ErrorCode::IOError, "the system refused a subscription to change events"));
     } catch (const sp::ByteStreamFailure& e) {
-        printFailure(command, argument, describe(e.getErrorCode(), {}));
+        printFailure(command, argument, describe(e.getErrorCode()));
     } catch (const std::exception& e) {
-        printFailure(command, argument, e.what());
+        printFailure(command, argument, describe(sp::ErrorCode::Unknown, e.what()));
     }
     return kExitFailure;
 }
@@ -83,7 +121,8 @@ CLI::Validator sizeValidator(const char* name) {
         "", name);
 }
 
-// The error, the usage line of the command concerned and where to read more.
+// The error, the usage line of the command concerned and where to read more. Without a
+// command, the error names what was given instead.
 std::string usageFailure(const CLI::App* app, const CLI::Error& e) {
     const CLI::App* failed = app;
     std::string name = app->get_name();
@@ -91,7 +130,18 @@ std::string usageFailure(const CLI::App* app, const CLI::Error& e) {
         failed = failed->get_subcommands().front();
         name += " " + failed->get_name();
     }
-    std::string message = fmt::format("qkfl: {}{}\n", failed == app ? "" : failed->get_name() + ": ", e.what());
+    std::string what = e.what();
+    if (failed == app) {
+        const std::vector<std::string> given = app->remaining();
+        if (given.empty()) {
+            what = "no command given";
+        } else if (given.front().starts_with("-")) {
+            what = "unknown option '" + given.front() + "'";
+        } else {
+            what = "unknown command '" + given.front() + "'";
+        }
+    }
+    std::string message = fmt::format("qkfl: {}{}\n", failed == app ? "" : failed->get_name() + ": ", what);
     message += CLI::Formatter().make_usage(failed, name);
     if (failed == app) {
         std::string commands;
@@ -109,14 +159,15 @@ int main(int argc, char** argv) {
                  "qkfl");
     // Subcommands take the footer they are made with; the overview's own is set at the end.
     app.footer(kLocations);
-    app.require_subcommand(0, 1);
+    app.require_subcommand(1);
+    app.set_version_flag("--version", fmt::format("qkfl {}", sp::libraryVersion()), "Print the library's version");
     app.failure_message(usageFailure);
 
     LsOptions ls;
     auto* lsCmd = app.add_subcommand("ls", "List a folder, or show one file");
     lsCmd->add_flag("-l,--long", ls.longFormat,
-                    "One entry a line: type and flags (d folder, w writable, h hidden, l symbolic link), size in "
-                    "bytes, last-modified time (UTC), name");
+                    "One entry a line: type (- file, d folder, l symbolic link), w when writable, h when hidden, "
+                    "size in bytes, last-modified time (UTC), name");
     lsCmd->add_flag("-R,--recursive", ls.recursive, "Everything below the folder, as paths relative to it");
     lsCmd->add_flag("--names-only", ls.namesOnly, "Ask the provider for names and kinds only (cheaper, no -l)")
         ->excludes("--long");
@@ -174,11 +225,19 @@ int main(int argc, char** argv) {
     mkdirCmd->add_option("LOCATION", mkdirLocation, "The new folder")->type_name("")->required();
 
     std::string truncateSize;
+    bool truncateNoCreate = false;
     std::string truncateLocation;
     auto* truncateCmd = app.add_subcommand("truncate", "Shrink or extend a file to SIZE bytes (zeros at the end)");
-    truncateCmd->add_option("SIZE", truncateSize, "The new size: 1234, 64K, 16M, 2G")
+    truncateCmd->add_flag("-c,--no-create", truncateNoCreate, "Fail on a missing file instead of making it");
+    truncateCmd->add_option("SIZE", truncateSize,
+                            "The new size: 1234, 64K (KiB, 1024), 64KB (1000), M, G, T...; with +, -, <, >, / or % "
+                            "to extend by, reduce by, at most, at least, round down or up to a multiple of")
         ->type_name("")->required()
-        ->check(sizeValidator("SIZE"));
+        ->check(CLI::Validator(
+            [](std::string& value) -> std::string {
+                return parseSizeChange(value) ? std::string() : "'" + value + "' is not a size (1234, 64K, +1M, -1KB)";
+            },
+            "", "SIZE"));
     truncateCmd->add_option("LOCATION", truncateLocation, "The file")->type_name("")->required();
 
     WatchOptions watch;
@@ -208,7 +267,7 @@ int main(int argc, char** argv) {
     watchCmd->footer(std::string(kLocations) +
                      "\nOne line per event: KIND TYPE LOCATION. Ends on Ctrl-C or when the folder vanishes.");
 
-    auto* demoCmd = app.add_subcommand("demo", "A short tour on a sample it makes in a temporary folder");
+    app.add_subcommand("demo", "A short tour on a sample it makes in a temporary folder");
     app.footer(std::string(kLocations) + "Run 'qkfl COMMAND --help' for one command.");
 
     try {
@@ -239,16 +298,12 @@ int main(int argc, char** argv) {
     if (*mkdirCmd) return run("mkdir", mkdirLocation, [&] { return runMkdir(registry, mkdirParents, mkdirLocation); });
     if (*truncateCmd) {
         return run("truncate", truncateLocation,
-                   [&] { return runTruncate(registry, *parseSize(truncateSize), truncateLocation); });
+                   [&] { return runTruncate(registry, *parseSizeChange(truncateSize), !truncateNoCreate, truncateLocation); });
     }
     if (*watchCmd) {
         if (pollOption->count() > 0) watch.pollMilliseconds = pollMilliseconds;
         for (const std::string& kind : watchKinds) watch.kinds.push_back(*parseKind(kind));
         return run("watch", watch.folder, [&] { return runWatch(registry, watch); });
     }
-    if (*demoCmd) return run("demo", {}, [&] { return runDemo(registry); });
-
-    // No command: the overview.
-    std::cout << app.help();
-    return kExitOk;
+    return run("demo", {}, [&] { return runDemo(registry); });
 }

@@ -50,9 +50,23 @@ const sp::dav::DavProviderFactory& davFactory() {
 
 }  // namespace
 
+bool isLocalPath(std::string_view text) {
+    if (!startsWithScheme(text)) return true;
+    const std::string scheme(text.substr(0, text.find(':')));
+    if (ProviderRegistry::serves(scheme)) return false;
+    // Text with a scheme no provider serves is a local path unless it parses as an IRI, so that
+    // 'a:b' names a file while 'http://x/' is reported as a scheme without a provider.
+    try {
+        sp::StorageIRI{utf16(text)};
+        return false;
+    } catch (const std::exception&) {
+        return true;
+    }
+}
+
 sp::StorageIRI parseLocation(std::string_view text) {
     if (text.empty()) throw BadLocation{std::string(text), "an empty location"};
-    if (startsWithScheme(text)) {
+    if (!isLocalPath(text)) {
         try {
             return sp::StorageIRI(utf16(text));
         } catch (const std::exception& e) {
@@ -70,12 +84,26 @@ sp::StorageIRI parseLocation(std::string_view text) {
     }
 }
 
+bool ProviderRegistry::serves(std::string_view scheme) {
+#ifdef QKFL_TOOL_WITH_ZIP
+    if (scheme == "zip") return true;
+#endif
+    return scheme == "file" || scheme == "mem";
+}
+
 ProviderRegistry::ProviderRegistry() : memory_(sp::memory::makeMemoryProvider()) {}
 
 std::shared_ptr<sp::IProvider> ProviderRegistry::physicalProvider(const sp::StorageIRI& location) const {
     const std::u16string scheme = location.getScheme();
     if (location.hasInnerIRI()) noProvider(location);
-    if (scheme == u"file") return local_.buildProvider(location);
+    if (scheme == u"file") {
+        // The local provider serves this machine only.
+        if (location.hasHost() && !location.getHost().empty() && location.getHost() != u"localhost") {
+            throw sp::addExceptionContext(sp::Exception(sp::ErrorCode::InvalidLocation, location),
+                                          u"names the host '" + location.getHost() + u"': write file:///PATH");
+        }
+        return local_.buildProvider(location);
+    }
     if (scheme == u"mem") return memory_;
 #ifdef QKFL_TOOL_WITH_DAV
     if (scheme == u"dav" || scheme == u"davs") return davFactory().buildProvider(location);

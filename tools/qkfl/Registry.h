@@ -22,12 +22,15 @@ struct BadLocation {
     std::string reason;
 };
 
-// The location named by a command-line argument: an IRI when the text starts with a scheme
-// and ':' ('file:///a', 'mem:///a', 'zip:file:///a.zip!/b'), otherwise a local path, absolute
-// or relative to the working folder, turned into a 'file' location with toStorageIRI after
-// removing '.' and '..' lexically. A relative path containing ':' in its first element needs a
-// leading './'. Throws BadLocation for text that does not parse.
+// The location named by a command-line argument: an IRI when the text starts with a scheme a
+// provider here serves ('file:///a', 'mem:///a', 'zip:file:///a.zip!/b') or parses as an IRI
+// ('http://x/', refused later for want of a provider); otherwise a local path, absolute or
+// relative to the working folder ('a:b', 'r#2'), taken literally and turned into a 'file'
+// location with toStorageIRI after removing '.' and '..' lexically. Throws BadLocation for
+// text that does not parse.
 sp::StorageIRI parseLocation(std::string_view text);
+// Whether parseLocation takes `text` as a local path.
+bool isLocalPath(std::string_view text);
 
 // Maps schemes to providers: 'file' to the local provider (through its factory), 'mem' to one
 // memory store shared by the whole process, 'zip' (at any depth of nesting) to the zip
@@ -37,6 +40,9 @@ sp::StorageIRI parseLocation(std::string_view text);
 class ProviderRegistry {
 public:
     ProviderRegistry();
+
+    // Whether a provider here serves `scheme` (a container scheme at any depth).
+    static bool serves(std::string_view scheme);
 
     // The item for `location`. Throws Exception(InvalidLocation) with a context naming the
     // scheme when no provider serves it.

@@ -371,18 +371,19 @@ TEST_F(LocalProviderTest, NamesThatAreNotUtf8RoundTrip) {
 
 TEST_F(LocalProviderTest, LeavesOutEntriesThatVanishWhileListed) {
     constexpr int kFiles = 20;
-    for (int i = 0; i < kFiles; ++i) writeFile(path("f" + std::to_string(i)), "x");
+    auto file = [&](int i) { return path(std::string("f").append(std::to_string(i))); };
+    for (int i = 0; i < kFiles; ++i) writeFile(file(i), "x");
     auto drain = [&](std::unique_ptr<IFolderEntryIterator> listing) {
         // The first entry is read and stat'ed; the rest are read with it but not yet stat'ed.
         EXPECT_TRUE(listing->hasNext());
-        for (int i = 0; i < kFiles; ++i) ::unlink(path("f" + std::to_string(i)).c_str());
+        for (int i = 0; i < kFiles; ++i) ::unlink(file(i).c_str());
         std::size_t count = 0;
         while (listing->hasNext()) {
             listing->next();
             listing->get();
             ++count;
         }
-        for (int i = 0; i < kFiles; ++i) writeFile(path("f" + std::to_string(i)), "x");
+        for (int i = 0; i < kFiles; ++i) writeFile(file(i), "x");
         return count;
     };
     EXPECT_EQ(drain(provider_->listAll(at(""))), 1U);
