@@ -88,6 +88,9 @@ bool ProviderRegistry::serves(std::string_view scheme) {
 #ifdef QKFL_TOOL_WITH_ZIP
     if (scheme == "zip") return true;
 #endif
+#ifdef QKFL_TOOL_WITH_DAV
+    if (scheme == "dav" || scheme == "davs") return true;
+#endif
     return scheme == "file" || scheme == "mem";
 }
 
