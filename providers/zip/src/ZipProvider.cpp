@@ -1,5 +1,6 @@
 #include "storage/provider/zip/ZipProvider.h"
 
+#include <cstdint>
 #include <utility>
 
 #include "Archive.h"
@@ -206,6 +207,26 @@ std::shared_ptr<IProvider> ZipProviderFactory::doBuildProvider(const StorageItem
     return std::make_shared<ZipProvider>(container, limits_);
 }
 
-StorageIRI ZipProviderFactory::doGetKey(const StorageItem& container) const { return container.getLocation(); }
+// 'zip-key://<container provider's address>/<container location, percent-encoded>'. The
+// address may be reused only once that provider is gone, and a zip provider keeps its
+// container's provider alive, so a reused address never meets a live entry of another store.
+StorageIRI ZipProviderFactory::doGetKey(const StorageItem& container) const {
+    static constexpr char16_t kHex[] = u"0123456789ABCDEF";
+    ustring key = u"zip-key://p";
+    for (auto address = reinterpret_cast<std::uintptr_t>(container.getProvider().get()); address != 0; address >>= 4) {
+        key.push_back(kHex[address & 0xF]);
+    }
+    key.push_back(u'/');
+    for (const char16_t c : container.getLocation().toAsciiString()) {
+        const bool plain = (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z') || (c >= u'0' && c <= u'9') ||
+                           c == u'-' || c == u'.' || c == u'_' || c == u'~';
+        if (plain) {
+            key.push_back(c);
+        } else {
+            key += {u'%', kHex[(c >> 4) & 0xF], kHex[c & 0xF]};
+        }
+    }
+    return StorageIRI(std::move(key));
+}
 
 }  // namespace foundation::storage::provider::zip

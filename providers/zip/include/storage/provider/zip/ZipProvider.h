@@ -140,7 +140,8 @@ private:
 };
 
 // Serves every location inside one archive with one shared ZipProvider while it is held: the
-// key is the location of the archive file's item.
+// key is the archive file's item, its provider object and its location, so that two stores
+// holding an archive at the same path never share a provider.
 class ZipProviderFactory : public ContainerProviderFactory {
 public:
     explicit ZipProviderFactory(ZipLimits limits = {});
