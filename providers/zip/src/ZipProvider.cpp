@@ -1,5 +1,6 @@
 #include "storage/provider/zip/ZipProvider.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <utility>
 
@@ -35,10 +36,25 @@ ListingRequest request(ListingRequest::Select select, bool namesOnly, bool recur
     return listing;
 }
 
+// The nesting of this provider's entry locations: one more than its container's, counted
+// both in the container's location and in the chain of zip providers it reads through (a
+// chain that a location does not show still holds one open archive per level).
+std::size_t nestingOf(const StorageItem& container) {
+    std::size_t depth = 1;
+    for (StorageIRI location = container.getLocation();
+         location.hasInnerIRI() && depth <= kMaxContainerNesting; location = location.getInnerIRI()) {
+        ++depth;
+    }
+    if (const auto* outer = dynamic_cast<const ZipProvider*>(container.getProvider().get())) {
+        depth = std::max(depth, outer->getNesting() + 1);
+    }
+    return depth;
+}
+
 }  // namespace
 
 ZipProvider::ZipProvider(StorageItem container, ZipLimits limits)
-    : container_(std::move(container)), limits_(limits) {}
+    : container_(std::move(container)), limits_(limits), nesting_(nestingOf(container_)) {}
 
 ZipProvider::~ZipProvider() { endChangePolling(); }
 
@@ -48,6 +64,9 @@ void ZipProvider::requireOwn(const StorageIRI& location) const {
     if (!location.hasInnerIRI() || location.getScheme() != kScheme ||
         location.getInnerIRI() != container_.getLocation() || location.getPath().find(u'\0') != ustring::npos) {
         throw Exception(ErrorCode::InvalidLocation, location);
+    }
+    if (nesting_ > kMaxContainerNesting) {
+        throw addExceptionContext(Exception(ErrorCode::InvalidLocation, location), u"archives nested too deep");
     }
 }
 

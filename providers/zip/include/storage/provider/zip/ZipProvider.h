@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -40,7 +41,13 @@ struct ZipLimits {
 //
 // Read-only: every change throws ReadOnlyProvider (IReadOnlyProvider). Locations of another
 // scheme or another container, and paths holding a NUL: InvalidLocation, from every
-// operation that reads, exists() included.
+// operation that reads, exists() included. So is every location of an archive nested more
+// than kMaxContainerNesting levels deep (getNesting()), before anything is read.
+//
+// Memory: each open archive holds a read buffer of 64 KiB (less for a smaller archive),
+// libzip's copy of its directory and the index below; an open entry adds libzip's inflate
+// state (about 40 KiB when compressed). With the nesting limit, a chain of open archives
+// holds at most 32 such levels.
 //
 // Entry names: split at '/' and '\'; empty and '.' segments are ignored and '..' removes the
 // segment before it, stopping at the root (so does a location's path), so no name addresses
@@ -90,6 +97,9 @@ public:
 
     // The item of the archive file.
     const StorageItem& getContainer() const noexcept { return container_; }
+    // How deeply this provider's entry locations are nested: 1 for an archive that is not
+    // itself inside an archive.
+    std::size_t getNesting() const noexcept { return nesting_; }
 
 protected:
     bool doFileExists(const StorageIRI& location) const override;
@@ -135,6 +145,7 @@ private:
 
     StorageItem container_;
     ZipLimits limits_;
+    std::size_t nesting_;
     mutable std::mutex mutex_;  // guards archive_; held while an archive opens
     mutable std::shared_ptr<const detail::Archive> archive_;
 };
