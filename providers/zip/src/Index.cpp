@@ -3,6 +3,7 @@
 #include <zip.h>
 
 #include <algorithm>
+#include <cstring>
 #include <limits>
 #include <stdexcept>
 #include <string>
@@ -29,6 +30,10 @@ void checkPlausible(const zip_stat_t& stat, std::uint64_t archiveSize, const Zip
     if (stat.size > ceiling) throw std::runtime_error("an entry declares an implausible size");
 }
 
+constexpr std::uint64_t kDirectoryRecord = 46;  // a directory record without its name
+constexpr std::uint64_t kImpliedFolders = 32768;
+constexpr std::uint64_t kDirectoryBytesPerFolder = 32;
+
 // The tree while it is built: names of their own, children in the order met.
 struct Draft {
     fl::ustring name;
@@ -44,10 +49,19 @@ Index::Index(::zip* archive, std::uint64_t archiveSize, const boost::posix_time:
     if (count < 0 || static_cast<std::uint64_t>(count) > limits.maxEntries) {
         throw std::runtime_error("implausible number of entries");
     }
-    // Every entry, and every folder the entries imply, is a node: both kinds are limited.
-    const std::uint64_t maxNodes =
-        std::min<std::uint64_t>(static_cast<std::uint64_t>(count) + limits.maxEntries + 1,
-                                std::numeric_limits<std::uint32_t>::max());
+    // Every entry, and every folder the entries imply, is a node. A name implies a folder per
+    // two of its bytes, so implied folders are limited by the directory's size as well:
+    // kImpliedFolders plus one per kDirectoryBytesPerFolder bytes of its records, which no
+    // archive that stores its folders, or keeps a few files per folder, comes near.
+    std::uint64_t directoryBytes = 0;
+    for (zip_int64_t i = 0; i < count; ++i) {
+        const char* name = zip_get_name(archive, static_cast<zip_uint64_t>(i), ZIP_FL_ENC_RAW);
+        directoryBytes += kDirectoryRecord + (name == nullptr ? 0 : std::strlen(name));
+    }
+    const std::uint64_t implied =
+        std::min<std::uint64_t>(limits.maxEntries, kImpliedFolders + directoryBytes / kDirectoryBytesPerFolder);
+    const std::uint64_t maxNodes = std::min<std::uint64_t>(static_cast<std::uint64_t>(count) + implied + 1,
+                                                           std::numeric_limits<std::uint32_t>::max());
 
     std::vector<Draft> drafts;
     drafts.reserve(static_cast<std::size_t>(count) + 1);
