@@ -120,7 +120,7 @@ FileAttributes ZipProvider::doGetFileAttributes(const StorageIRI& location) cons
     const auto current = archive(location);
     const Node& node = find(*current, location);
     if (node.folder) throw Exception(ErrorCode::InvalidLocation, location);
-    return FileAttributes(static_cast<unsigned long>(node.size), node.lastModified, false);
+    return detail::fileAttributesOf(node);
 }
 
 FolderAttributes ZipProvider::doGetFolderAttributes(const StorageIRI& location) const {

@@ -63,9 +63,12 @@ struct ZipLimits {
 // serves as a folder. Folders that the archive lists only as parents of entries exist and
 // list like the folders it stores.
 //
-// Attributes: an entry's declared size and its last-modified time (the archive's DOS time,
-// read as local time, as zip tools write it); folders without an entry of their own and the
-// root carry the container file's time. Nothing is writable, hidden or a link.
+// Attributes: an entry's declared size and its last-modified time: its extended-timestamp
+// field (0x5455, UTC) when it has one, otherwise its DOS time read as this machine's local
+// time, as zip tools write and read it; folders without an entry of their own and the root
+// carry the container file's time. Nothing is writable or hidden; an entry whose Unix mode
+// (in its external attributes) is a symbolic link reports itself as one, and reads as the
+// link's target text.
 //
 // Listings (every form native): entries sorted by name (UTF-16 code units), with their
 // attributes unless names only. Wildcards are matched against each name: '*' any run, '?'
@@ -89,8 +92,9 @@ struct ZipLimits {
 // Errors: Exception with the location asked about. A container that cannot be read passes on
 // its own code; a missing container, or one that is a folder, holds no entries: exists()
 // and the like say so, other operations throw that code. A corrupt or truncated archive, or one
-// refused by ZipLimits: IOError. An entry whose encryption or compression method is not
-// supported: UnsupportedOperation on opening it.
+// refused by ZipLimits: IOError ("not a zip archive" in its contexts when the data is not
+// one at all). An encrypted entry, or one whose compression method is not supported:
+// UnsupportedOperation on opening it ("the entry is encrypted" in the contexts of the first).
 //
 // All operations may be called from any thread.
 class ZipProvider : public IReadOnlyProvider, public extensions::IInvalidatable {
