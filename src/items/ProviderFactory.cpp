@@ -1,5 +1,6 @@
 #include "storage/provider/ProviderFactory.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "detail/ProviderFactoryImpl.h"
@@ -36,6 +37,12 @@ std::shared_ptr<IProvider> ProviderFactoryImpl::buildProvider(
         configureProvider(*provider, configuration_);
     }
     providers_.insert_or_assign(key, provider);
+    if (providers_.size() >= sweepAt_) {
+        // Observably the same as keeping expired entries until their key is built again:
+        // an expired entry is never returned, so dropping it early changes nothing but memory.
+        std::erase_if(providers_, [](const auto& entry) { return entry.second.expired(); });
+        sweepAt_ = std::max(kFirstSweep, 2 * providers_.size());
+    }
     return provider;
 }
 

@@ -3,13 +3,16 @@
 #include <atomic>
 #include <functional>
 #include <latch>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "fl/i18n/convert.h"
 #include "storage/provider/Extensions.h"
 #include "support/StubProvider.h"
 
@@ -56,6 +59,26 @@ private:
 
 class PlainProvider : public testsupport::StubProvider {};
 
+// Allocates shared providers and counts the blocks still allocated: a block outlives its
+// provider while any weak pointer to it remains.
+std::atomic<int> liveBlocks{0};
+template <class T>
+struct CountingAllocator {
+    using value_type = T;
+    CountingAllocator() = default;
+    template <class U>
+    CountingAllocator(const CountingAllocator<U>&) {}
+    T* allocate(std::size_t n) {
+        ++liveBlocks;
+        return std::allocator<T>().allocate(n);
+    }
+    void deallocate(T* p, std::size_t n) {
+        --liveBlocks;
+        std::allocator<T>().deallocate(p, n);
+    }
+    friend bool operator==(const CountingAllocator&, const CountingAllocator&) { return true; }
+};
+
 // What the test factories build, decided per host of the location: "fail-key" fails the key,
 // "fail-build" the build, "null" builds nothing, "plain" a provider that is not configurable.
 struct BuildPlan {
@@ -79,6 +102,9 @@ struct BuildPlan {
         }
         if (host == u"plain") {
             return std::make_shared<PlainProvider>();
+        }
+        if (host.starts_with(u"counted")) {
+            return std::allocate_shared<PlainProvider>(CountingAllocator<PlainProvider>());
         }
         auto provider = std::make_shared<ConfigurableProvider>();
         if (prepare) {
@@ -166,6 +192,13 @@ TYPED_TEST(ProviderFactories, RebuildAfterTheLastHolderLetsGo) {
     EXPECT_EQ(this->plan.builds, 2);
     ASSERT_EQ(configurable(second).configurations().size(), 1u);
     EXPECT_EQ(configurable(second).configurations()[0], settings("1"));
+}
+
+TYPED_TEST(ProviderFactories, ForgetReleasedProviders) {
+    for (int i = 0; i < 1000; ++i) {
+        this->get((u"mem://counted" + fl::i18n::to_ustring(std::to_string(i)) + u"/").c_str());
+    }
+    EXPECT_LT(liveBlocks.load(), 50) << "the cache keeps what expired";
 }
 
 TYPED_TEST(ProviderFactories, ConfigureReachesLiveConfigurableProviders) {

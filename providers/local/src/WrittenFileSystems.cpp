@@ -28,18 +28,36 @@ void WrittenFileSystems::note(dev_t device, const std::string& folder) {
     if (!inserted && it->second != folder) it->second = folder;
 }
 
+namespace {
+
+// A descriptor of `folder`, or of its nearest ancestor, that lies on `device`; closed when
+// none does (the file system is no longer reachable through this path).
+Fd openOnDevice(std::string folder, dev_t device) {
+    while (!folder.empty()) {
+        Fd fd(retry([&] { return ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+        struct stat st {};
+        if (fd && ::fstat(fd.get(), &st) == 0 && st.st_dev == device) return fd;
+        if (folder == "/") break;
+        const std::size_t slash = folder.find_last_of('/');
+        folder.resize(slash == 0 ? 1 : slash);
+    }
+    return Fd();
+}
+
+}  // namespace
+
 std::pair<int, std::string> WrittenFileSystems::syncAll() const {
-    std::vector<std::string> folders;
+    std::vector<std::pair<dev_t, std::string>> folders;
     {
         std::lock_guard lock(mutex_);
-        for (const auto& [device, folder] : folders_) folders.push_back(folder);
+        folders.assign(folders_.begin(), folders_.end());
     }
     std::pair<int, std::string> first{0, std::string()};
-    for (const std::string& folder : folders) {
-        Fd fd(retry([&] { return ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
-        // A folder gone since: its file system is flushed by the next write recorded there.
-        if (!fd) continue;
-        if (::syncfs(fd.get()) != 0 && first.first == 0) first = {errno, folder};
+    for (const auto& [device, folder] : folders) {
+        const Fd fd = openOnDevice(folder, device);
+        // Unmounted, or every folder of it on the way gone: it cannot be flushed.
+        const int error = !fd ? EIO : ::syncfs(fd.get()) != 0 ? errno : 0;
+        if (error != 0 && first.first == 0) first = {error, folder};
     }
     return first;
 }

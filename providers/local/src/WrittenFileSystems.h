@@ -17,8 +17,9 @@ public:
     void noteDescriptor(int fd, const std::string& folder);
     // Records the file system that holds `folder` (one stat).
     void noteFolder(const std::string& folder);
-    // syncfs(2) on every recorded file system. Returns the first errno met (0 when none) and
-    // the folder through which it was met.
+    // syncfs(2) on every recorded file system, through the recorded folder or, when that has
+    // gone, its nearest ancestor still on that file system. Returns the first errno met (0
+    // when none; EIO for a file system no longer reachable) and the folder it concerns.
     std::pair<int, std::string> syncAll() const;
 
 private:

@@ -129,7 +129,10 @@ std::shared_ptr<const Archive> Archive::open(const StorageItem& container, const
     if (archive->handle_ == nullptr) {
         const std::exception_ptr failure = raw->takeFailure();
         zip_source_free(zipSource);
-        failWith(codeOf(failure, code == ZIP_ER_MEMORY ? ErrorCode::NoSpaceLeft : ErrorCode::IOError), location);
+        const Exception refused(codeOf(failure, code == ZIP_ER_MEMORY ? ErrorCode::NoSpaceLeft : ErrorCode::IOError),
+                                location);
+        if (!failure && code == ZIP_ER_NOZIP) throw addExceptionContext(refused, u"not a zip archive");
+        throw refused;
     }
     archive->source_ = raw;
 

@@ -41,8 +41,12 @@ EntryStream::EntryStream(std::shared_ptr<const Archive> archive, std::uint64_t e
     archive_->locked([this](::zip* handle) {
         file_ = zip_fopen_index(handle, entry_, 0);
         if (file_ == nullptr) {
-            const ErrorCode fallback = openingCode(zip_error_code_zip(zip_get_error(handle)));
-            throw Exception(codeOf(archive_->takeSourceFailure(), fallback), location_);
+            const int error = zip_error_code_zip(zip_get_error(handle));
+            const Exception failure(codeOf(archive_->takeSourceFailure(), openingCode(error)), location_);
+            if (error == ZIP_ER_NOPASSWD || error == ZIP_ER_WRONGPASSWD || error == ZIP_ER_ENCRNOTSUPP) {
+                throw addExceptionContext(failure, u"the entry is encrypted");
+            }
+            throw failure;
         }
     });
 }

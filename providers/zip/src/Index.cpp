@@ -3,6 +3,7 @@
 #include <zip.h>
 
 #include <algorithm>
+#include <cstring>
 #include <limits>
 #include <stdexcept>
 #include <string>
@@ -29,6 +30,30 @@ void checkPlausible(const zip_stat_t& stat, std::uint64_t archiveSize, const Zip
     if (stat.size > ceiling) throw std::runtime_error("an entry declares an implausible size");
 }
 
+constexpr std::uint64_t kDirectoryRecord = 46;  // a directory record without its name
+constexpr std::uint64_t kImpliedFolders = 32768;
+constexpr std::uint64_t kDirectoryBytesPerFolder = 32;
+
+// The entry's modification time: its extended-timestamp field (UTC seconds) when it has
+// one, otherwise its DOS fields, which libzip reads as local time (as zip tools write them).
+boost::posix_time::ptime lastModifiedOf(::zip* archive, zip_uint64_t entry, const zip_stat_t& stat) {
+    zip_uint16_t length = 0;
+    const zip_uint8_t* field = zip_file_extra_field_get_by_id(archive, entry, 0x5455, 0, &length, ZIP_FL_CENTRAL);
+    if (field != nullptr && length >= 5 && (field[0] & 1) != 0) {
+        const auto seconds = static_cast<std::int32_t>(static_cast<std::uint32_t>(field[1]) | field[2] << 8 |
+                                                       field[3] << 16 | static_cast<std::uint32_t>(field[4]) << 24);
+        return boost::posix_time::from_time_t(seconds);
+    }
+    return boost::posix_time::from_time_t(stat.mtime);
+}
+
+bool isLink(::zip* archive, zip_uint64_t entry) {
+    zip_uint8_t system = 0;
+    zip_uint32_t attributes = 0;
+    return zip_file_get_external_attributes(archive, entry, 0, &system, &attributes) == 0 &&
+           system == ZIP_OPSYS_UNIX && (attributes >> 16 & 0170000) == 0120000;
+}
+
 // The tree while it is built: names of their own, children in the order met.
 struct Draft {
     fl::ustring name;
@@ -44,10 +69,19 @@ Index::Index(::zip* archive, std::uint64_t archiveSize, const boost::posix_time:
     if (count < 0 || static_cast<std::uint64_t>(count) > limits.maxEntries) {
         throw std::runtime_error("implausible number of entries");
     }
-    // Every entry, and every folder the entries imply, is a node: both kinds are limited.
-    const std::uint64_t maxNodes =
-        std::min<std::uint64_t>(static_cast<std::uint64_t>(count) + limits.maxEntries + 1,
-                                std::numeric_limits<std::uint32_t>::max());
+    // Every entry, and every folder the entries imply, is a node. A name implies a folder per
+    // two of its bytes, so implied folders are limited by the directory's size as well:
+    // kImpliedFolders plus one per kDirectoryBytesPerFolder bytes of its records, which no
+    // archive that stores its folders, or keeps a few files per folder, comes near.
+    std::uint64_t directoryBytes = 0;
+    for (zip_int64_t i = 0; i < count; ++i) {
+        const char* name = zip_get_name(archive, static_cast<zip_uint64_t>(i), ZIP_FL_ENC_RAW);
+        directoryBytes += kDirectoryRecord + (name == nullptr ? 0 : std::strlen(name));
+    }
+    const std::uint64_t implied =
+        std::min<std::uint64_t>(limits.maxEntries, kImpliedFolders + directoryBytes / kDirectoryBytesPerFolder);
+    const std::uint64_t maxNodes = std::min<std::uint64_t>(static_cast<std::uint64_t>(count) + implied + 1,
+                                                           std::numeric_limits<std::uint32_t>::max());
 
     std::vector<Draft> drafts;
     drafts.reserve(static_cast<std::size_t>(count) + 1);
@@ -94,7 +128,7 @@ Index::Index(::zip* archive, std::uint64_t archiveSize, const boost::posix_time:
                 } else if (folder && existing.entry == Node::kNoEntry) {
                     // A folder's own entry gives it a time; a file cannot take a folder's place.
                     existing.entry = static_cast<std::uint64_t>(i);
-                    existing.lastModified = boost::posix_time::from_time_t(stat.mtime);
+                    existing.lastModified = lastModifiedOf(archive, static_cast<zip_uint64_t>(i), stat);
                 }
                 continue;
             }
@@ -108,7 +142,8 @@ Index::Index(::zip* archive, std::uint64_t archiveSize, const boost::posix_time:
                 node.entry = static_cast<std::uint64_t>(i);
                 node.size = folder ? 0 : stat.size;
                 node.stored = !folder && stat.comp_method == ZIP_CM_STORE && stat.encryption_method == ZIP_EM_NONE;
-                node.lastModified = boost::posix_time::from_time_t(stat.mtime);
+                node.lastModified = lastModifiedOf(archive, static_cast<zip_uint64_t>(i), stat);
+                node.link = !folder && isLink(archive, static_cast<zip_uint64_t>(i));
             } else {
                 node.folder = true;
                 node.lastModified = containerTime;
@@ -142,6 +177,11 @@ Index::Index(::zip* archive, std::uint64_t archiveSize, const boost::posix_time:
         draft = Draft{};
         nodes_.push_back(node);
     }
+}
+
+FileAttributes fileAttributesOf(const Node& node) {
+    return FileAttributes(static_cast<unsigned long>(node.size), node.lastModified, false)
+        .withSymlinkStatusAttribute(node.link);
 }
 
 Index::Lookup Index::find(fl::ustring_view path) const {

@@ -7,6 +7,7 @@
 #include <boost/date_time/posix_time/ptime.hpp>
 
 #include "fl/ustring.h"
+#include "storage/provider/Attributes.h"
 #include "storage/provider/zip/ZipProvider.h"
 
 struct zip;
@@ -25,10 +26,14 @@ struct Node {
     std::uint32_t childCount = 0;
     bool folder = false;
     bool stored = false;             // a file kept as it is: seekable in place
+    bool link = false;               // a symbolic link (a Unix mode in its attributes)
     std::uint64_t size = 0;          // declared size of a file
     std::uint64_t entry = kNoEntry;  // index in the archive's directory, if any
     boost::posix_time::ptime lastModified;
 };
+
+// The attributes of the file `node`.
+FileAttributes fileAttributesOf(const Node& node);
 
 // The tree of an archive's entries, built once from its directory and never changed.
 class Index {

@@ -33,7 +33,7 @@ public:
         }
         if (node.folder) return FolderEntry(std::move(name), FolderAttributes(node.lastModified, false));
         return FolderEntry(std::move(name),
-                           FileAttributes(static_cast<unsigned long>(node.size), node.lastModified, false));
+                           fileAttributesOf(node));
     }
 
     bool hasNext() override {

@@ -36,7 +36,7 @@ std::uint64_t OuterSource::readAt(std::uint64_t offset, char* buffer, std::uint6
             if (done < count) break;
             continue;
         }
-        buffered_.resize(kBufferSize);
+        buffered_.resize(std::min(kBufferSize, size_));
         bufferStart_ = at;
         try {
             buffered_.resize(readStream(at, buffered_.data(), kBufferSize));

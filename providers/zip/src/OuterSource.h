@@ -25,8 +25,8 @@ public:
     static zip_source_t* adopt(std::unique_ptr<OuterSource> source, zip_error_t* error);
 
     // Reads up to `count` bytes at `offset`, fewer only at the stream's end. Small reads go
-    // through a buffer of kBufferSize bytes (libzip reads directories and compressed data in
-    // small pieces); large ones go straight to the stream.
+    // through a buffer of kBufferSize bytes, or the archive's size when smaller (libzip reads
+    // directories and compressed data in small pieces); large ones go straight to the stream.
     std::uint64_t readAt(std::uint64_t offset, char* buffer, std::uint64_t count);
 
     // The exception that made the last failing call fail, if the stream threw; cleared.

@@ -1,5 +1,7 @@
 #include "storage/provider/zip/ZipProvider.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <utility>
 
 #include "Archive.h"
@@ -27,10 +29,25 @@ const Node& find(const detail::Archive& archive, const StorageIRI& location) {
     return archive.index().node(found.node);
 }
 
+// The nesting of this provider's entry locations: one more than its container's, counted
+// both in the container's location and in the chain of zip providers it reads through (a
+// chain that a location does not show still holds one open archive per level).
+std::size_t nestingOf(const StorageItem& container) {
+    std::size_t depth = 1;
+    for (StorageIRI location = container.getLocation();
+         location.hasInnerIRI() && depth <= kMaxContainerNesting; location = location.getInnerIRI()) {
+        ++depth;
+    }
+    if (const auto* outer = dynamic_cast<const ZipProvider*>(container.getProvider().get())) {
+        depth = std::max(depth, outer->getNesting() + 1);
+    }
+    return depth;
+}
+
 }  // namespace
 
 ZipProvider::ZipProvider(StorageItem container, ZipLimits limits)
-    : container_(std::move(container)), limits_(limits) {}
+    : container_(std::move(container)), limits_(limits), nesting_(nestingOf(container_)) {}
 
 ZipProvider::~ZipProvider() { endChangePolling(); }
 
@@ -41,6 +58,9 @@ void ZipProvider::requireOwn(const StorageIRI& location) const {
     if (!location.hasInnerIRI() || location.getScheme() != kScheme ||
         location.getInnerIRI() != container_.getLocation() || location.getPath().find(u'\0') != ustring::npos) {
         throw Exception(ErrorCode::InvalidLocation, location);
+    }
+    if (nesting_ > kMaxContainerNesting) {
+        throw addExceptionContext(Exception(ErrorCode::InvalidLocation, location), u"archives nested too deep");
     }
 }
 
@@ -94,7 +114,7 @@ FileAttributes ZipProvider::doGetFileAttributes(const StorageIRI& location) cons
     const auto current = archive(location);
     const Node& node = find(*current, location);
     if (node.folder) throw Exception(ErrorCode::InvalidLocation, location);
-    return FileAttributes(static_cast<unsigned long>(node.size), node.lastModified, false);
+    return detail::fileAttributesOf(node);
 }
 
 FolderAttributes ZipProvider::doGetFolderAttributes(const StorageIRI& location) const {
@@ -145,6 +165,26 @@ std::shared_ptr<IProvider> ZipProviderFactory::doBuildProvider(const StorageItem
     return std::make_shared<ZipProvider>(container, limits_);
 }
 
-StorageIRI ZipProviderFactory::doGetKey(const StorageItem& container) const { return container.getLocation(); }
+// 'zip-key://<container provider's address>/<container location, percent-encoded>'. The
+// address may be reused only once that provider is gone, and a zip provider keeps its
+// container's provider alive, so a reused address never meets a live entry of another store.
+StorageIRI ZipProviderFactory::doGetKey(const StorageItem& container) const {
+    static constexpr char16_t kHex[] = u"0123456789ABCDEF";
+    ustring key = u"zip-key://p";
+    for (auto address = reinterpret_cast<std::uintptr_t>(container.getProvider().get()); address != 0; address >>= 4) {
+        key.push_back(kHex[address & 0xF]);
+    }
+    key.push_back(u'/');
+    for (const char16_t c : container.getLocation().toAsciiString()) {
+        const bool plain = (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z') || (c >= u'0' && c <= u'9') ||
+                           c == u'-' || c == u'.' || c == u'_' || c == u'~';
+        if (plain) {
+            key.push_back(c);
+        } else {
+            key += {u'%', kHex[(c >> 4) & 0xF], kHex[c & 0xF]};
+        }
+    }
+    return StorageIRI(std::move(key));
+}
 
 }  // namespace foundation::storage::provider::zip

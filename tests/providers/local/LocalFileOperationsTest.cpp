@@ -234,7 +234,7 @@ TEST_F(LocalFileOperationsTest, RemovesTreesWithoutFollowingLinks) {
     ::mkdir(path("outside").c_str(), 0755);
     writeFile(path("outside/precious"), "p");
     std::string deep = path("tree");
-    for (int i = 0; i < 100; ++i) {
+    for (int i = 0; i < 300; ++i) {
         ::mkdir(deep.c_str(), 0755);
         writeFile(deep + "/f", "f");
         deep += "/d";
@@ -243,7 +243,8 @@ TEST_F(LocalFileOperationsTest, RemovesTreesWithoutFollowingLinks) {
     ASSERT_EQ(::symlink(path("outside/precious").c_str(), path("tree/file-link").c_str()), 0);
     ASSERT_EQ(::symlink(path("outside").c_str(), path("link-root").c_str()), 0);
 
-    provider_->removeFolderRecursively(at("tree"));
+    EXPECT_EQ(test::withDescriptorLimit(128, [&] { provider_->removeFolderRecursively(at("tree")); }), 0)
+        << "deeper than the descriptors allow";
     EXPECT_FALSE(test::exists(path("tree")));
     provider_->removeFolderRecursively(at("link-root"));
     EXPECT_FALSE(test::exists(path("link-root")));
@@ -252,6 +253,14 @@ TEST_F(LocalFileOperationsTest, RemovesTreesWithoutFollowingLinks) {
     writeFile(path("plain"), "x");
     EXPECT_EQ(errorOf([&] { provider_->removeFolderRecursively(at("plain")); }), ErrorCode::InvalidLocation);
     EXPECT_EQ(errorOf([&] { provider_->removeFolderRecursively(at("missing")); }), ErrorCode::ResourceNotFound);
+}
+
+TEST_F(LocalFileOperationsTest, RemovesTreesWithoutEnteringBindMounts) {
+    for (const char* folder : {"source", "tree", "tree/bound"}) ::mkdir(path(folder).c_str(), 0755);
+    writeFile(path("source/precious"), "p");
+    if (auto reason = test::bindMount(path("source"), path("tree/bound"))) GTEST_SKIP() << *reason;
+    EXPECT_EQ(errorOf([&] { provider_->removeFolderRecursively(at("tree")); }), ErrorCode::ResourceInUse);
+    EXPECT_EQ(readFile(path("source/precious")), "p");
 }
 
 TEST_F(LocalFileOperationsTest, RemovesTreesWhileFoldersAreSwappedForLinks) {

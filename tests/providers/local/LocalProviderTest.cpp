@@ -4,6 +4,7 @@
 #include <linux/fs.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -493,6 +494,18 @@ TEST_F(LocalProviderTest, SmallFileSystemsFillUpAndRefuse) {
     if (auto reason = test::remountReadOnly(path("small"))) GTEST_SKIP() << *reason;
     bad(ErrorCode::ReadOnlyProvider, "small/new", [&] { provider_->createFile(at("small/new")); });
     bad(ErrorCode::ReadOnlyProvider, "small/keep", [&] { provider_->removeFile(at("small/keep")); });
+}
+
+TEST_F(LocalProviderTest, FlushesOnlyWhatItReaches) {
+    ASSERT_EQ(::mkdir(path("small").c_str(), 0755), 0);
+    if (auto reason = test::mountTmpfs(path("small"), "size=64k")) GTEST_SKIP() << *reason;
+    provider_->createFolder(at("small/sub"));
+    provider_->createFile(at("small/sub/f"));
+    ASSERT_EQ(::unlink(path("small/sub/f").c_str()), 0);
+    ASSERT_EQ(::rmdir(path("small/sub").c_str()), 0);
+    provider_->flushFilesystem();  // through the folder above the one that has gone
+    ASSERT_EQ(::umount2(path("small").c_str(), MNT_DETACH), 0);
+    bad(ErrorCode::IOError, "small/sub", [&] { provider_->flushFilesystem(); });
 }
 
 TEST(LocalProviderFactory, SharesOneProviderForTheWholeFileSystem) {

@@ -5,8 +5,10 @@
 #include <linux/capability.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -153,6 +155,31 @@ std::optional<std::string> mountTmpfs(const std::string& path, const std::string
         return std::string("cannot mount a tmpfs: ") + std::strerror(errno);
     }
     return std::nullopt;
+}
+
+std::optional<std::string> bindMount(const std::string& from, const std::string& to) {
+    if (privateMountsFailure) return privateMountsFailure;
+    if (::mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+        return std::string("cannot bind a folder: ") + std::strerror(errno);
+    }
+    return std::nullopt;
+}
+
+int withDescriptorLimit(unsigned limit, const std::function<void()>& action) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const rlimit few{limit, limit};
+        if (::setrlimit(RLIMIT_NOFILE, &few) != 0) ::_exit(2);
+        try {
+            action();
+        } catch (...) {
+            ::_exit(1);
+        }
+        ::_exit(0);
+    }
+    int status = 0;
+    if (child < 0 || ::waitpid(child, &status, 0) != child) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 std::optional<std::string> remountReadOnly(const std::string& path) {

@@ -50,6 +50,11 @@ std::vector<std::string> namesIn(const std::string& folder);
 std::optional<std::string> permissionsIgnored();
 // Mounts a tmpfs with `options` on the existing folder `path`; returns why it could not.
 std::optional<std::string> mountTmpfs(const std::string& path, const std::string& options);
+// Binds the existing folder `from` onto the existing folder `to`; returns why it could not.
+std::optional<std::string> bindMount(const std::string& from, const std::string& to);
+// Runs `action` in a forked child whose descriptors are limited to `limit`; its exit status
+// (0 when `action` returned, 1 when it threw).
+int withDescriptorLimit(unsigned limit, const std::function<void()>& action);
 // Remounts the file system at `path` read-only.
 std::optional<std::string> remountReadOnly(const std::string& path);
 

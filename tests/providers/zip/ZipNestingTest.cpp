@@ -6,7 +6,9 @@
 
 #include "ZipTestSupport.h"
 #include "fl/i18n/convert.h"
+#include "storage/provider/Exception.h"
 #include "storage/provider/local/LocalProvider.h"
+#include "storage/provider/memory/MemoryProvider.h"
 
 namespace foundation::storage::provider::zip {
 namespace {
@@ -85,7 +87,6 @@ TEST_F(ZipNesting, FactorySharesWhileHeld) {
     std::weak_ptr<IProvider> released;
     {
         const StorageItem d = item("/deep/d.txt");
-        EXPECT_EQ(zips_.getKey(StorageItem(local_, cZip)), cZip);
         released = d.getProvider();
         EXPECT_EQ(item("/big.bin").getProvider(), d.getProvider());
         // The archive in the middle is read by the provider that serves b.zip's own entries.
@@ -97,6 +98,35 @@ TEST_F(ZipNesting, FactorySharesWhileHeld) {
     }
     EXPECT_TRUE(released.expired()) << "the factory holds its providers weakly";
     EXPECT_EQ(readAll(*item("/other.txt").getProvider(), deep("/other.txt")), "other");
+
+    // Two stores with an archive at the same path: one provider each.
+    const auto one = ziptest::inMemory(ziptest::ZipBuilder().file("a.txt", "one").bytes());
+    const auto two = ziptest::inMemory(ziptest::ZipBuilder().file("a.txt", "two").bytes());
+    const auto first = zips_.buildProvider(one.container);
+    const auto second = zips_.buildProvider(two.container);
+    EXPECT_NE(first, second);
+    EXPECT_EQ(readAll(*second, two.at("/a.txt")), "two");
+}
+
+TEST(ZipNestingLimit, RefusesArchivesNestedTooDeep) {
+    std::string bytes = ziptest::ZipBuilder().file("x.txt", "bottom", Method::Stored).bytes();
+    for (std::size_t i = 0; i < kMaxContainerNesting; ++i) {
+        bytes = ziptest::ZipBuilder().file("a.zip", bytes, Method::Stored).bytes();
+    }
+    auto store = memory::makeMemoryProvider();
+    const StorageIRI file(u"mem:///n.zip");
+    ziptest::put(*store, file, bytes);
+    ZipProviderFactory zips;
+    auto entry = [&](std::size_t depth, const ustring& path) {
+        StorageIRI location = file;
+        for (std::size_t level = 1; level < depth; ++level) location = StorageIRI(u"zip", location, u"/a.zip");
+        return zips.itemFor(StorageIRI(u"zip", location, path), [&](const StorageIRI&) { return store; });
+    };
+    const StorageItem deepest = entry(kMaxContainerNesting, u"/a.zip");
+    EXPECT_TRUE(deepest.fileExists());
+    const StorageItem tooDeep = entry(kMaxContainerNesting + 1, u"/x.txt");
+    testsupport::expectError(ErrorCode::InvalidLocation, tooDeep.getLocation(), [&] { tooDeep.fileExists(); });
+    testsupport::expectError(ErrorCode::InvalidLocation, tooDeep.getLocation(), [&] { tooDeep.openReadOnlyStream(); });
 }
 
 TEST_F(ZipNesting, CopiesOutToDiskAtomically) {

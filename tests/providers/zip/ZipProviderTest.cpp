@@ -1,6 +1,10 @@
 #include "storage/provider/zip/ZipProvider.h"
 
 #include <atomic>
+#include <cstdlib>
+#include <ctime>
+#include <functional>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -47,6 +51,47 @@ TEST(ZipProvider, AttributesComeFromTheArchive) {
     EXPECT_EQ(zip.getFolderAttributes(archive.at("/")).getLastModified(), containerTime);
     EXPECT_FALSE(zip.getFolderAttributes(archive.at("/docs")).isWritable());
     EXPECT_EQ(namesOf(zip.listAll(archive.at("/docs"))), (Names{"empty/", "report.txt"}));
+}
+
+// Names the reason in the contexts of the Exception that `action` throws.
+std::string reasonOf(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const Exception& e) {
+        return fl::i18n::to_string(e.getExceptionContextsString());
+    }
+    return "no failure";
+}
+
+TEST(ZipProvider, ReadsWhatZipToolsRecord) {
+    const char* const zone = std::getenv("TZ");
+    const std::string saved = zone ? zone : "";
+    ::setenv("TZ", "Asia/Tokyo", 1);  // the DOS fields are local time, written and read here
+    ::tzset();
+    const std::string bytes = ziptest::ZipBuilder()
+                                  .file("dos.txt", "d", Method::Stored, ziptest::kTime)
+                                  .file("ut.txt", "u", Method::Stored, ziptest::kTime)
+                                  .extendedTime(ziptest::kTime + 1)
+                                  .file("link", "dos.txt", Method::Stored)
+                                  .unixMode(0120777)
+                                  .file("secret.txt", "s")
+                                  .bytes();
+    const auto archive = ziptest::inMemory(ziptest::withFlags(bytes, 3, 1));
+    auto attributes = [&](const std::string& path) { return archive.provider->getFileAttributes(archive.at(path)); };
+    EXPECT_EQ(attributes("/dos.txt").getLastModified(), boost::posix_time::from_time_t(ziptest::kTime));
+    EXPECT_EQ(attributes("/ut.txt").getLastModified(), boost::posix_time::from_time_t(ziptest::kTime + 1));
+    EXPECT_TRUE(attributes("/link").isSymlink());
+    EXPECT_FALSE(attributes("/dos.txt").isSymlink());
+    auto listing = archive.provider->listFiles(archive.at("/"), u"link");
+    ASSERT_TRUE(listing->hasNext());
+    listing->next();
+    EXPECT_TRUE(listing->get().getFileAttributes()->isSymlink());
+    EXPECT_EQ(reasonOf([&] { archive.provider->openReadOnlyStream(archive.at("/secret.txt")); }),
+              "the entry is encrypted");
+    const auto text = ziptest::inMemory(ziptest::sampleText(3000));
+    EXPECT_EQ(reasonOf([&] { text.provider->listAll(text.at("/")); }), "not a zip archive");
+    zone ? ::setenv("TZ", saved.c_str(), 1) : ::unsetenv("TZ");
+    ::tzset();
 }
 
 TEST(ZipProvider, ListsInEveryForm) {

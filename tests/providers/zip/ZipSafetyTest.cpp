@@ -100,6 +100,16 @@ TEST(ZipSafety, DeepNamesCostTheirLength) {
               Names{"d/x.txt"});
 }
 
+TEST(ZipSafety, RefusesNamesImplyingFarMoreFoldersThanTheirDirectoryHolds) {
+    // Thirty names of 64 KiB, each implying 32,767 folders of its own: nearly a million.
+    ziptest::ZipBuilder deep;
+    std::string chain;
+    for (int i = 0; i < 32766; ++i) chain += "/x";
+    for (char first = 'a'; first < 'a' + 30; ++first) deep.file(first + chain + "/f", "", Method::Stored);
+    const auto archive = ziptest::inMemory(deep.bytes());
+    expectError(ErrorCode::IOError, archive.at("/"), [&] { archive.provider->listAll(archive.at("/")); });
+}
+
 TEST(ZipSafety, FirstClaimOnAPathWins) {
     // libzip refuses to write one name twice: the second name is patched afterwards.
     const auto archive = ziptest::inMemory(ziptest::replaced(ziptest::ZipBuilder()

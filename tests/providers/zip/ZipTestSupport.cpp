@@ -24,12 +24,22 @@ constexpr std::uint64_t kEndRecordSize = 22;
 }  // namespace
 
 ZipBuilder& ZipBuilder::file(const std::string& name, const std::string& content, Method method, std::time_t time) {
-    entries_.push_back({name, content, method, time, false});
+    entries_.push_back({name, content, method, time, false, {}, {}});
     return *this;
 }
 
 ZipBuilder& ZipBuilder::folder(const std::string& name, std::time_t time) {
-    entries_.push_back({name, "", Method::Stored, time, true});
+    entries_.push_back({name, "", Method::Stored, time, true, {}, {}});
+    return *this;
+}
+
+ZipBuilder& ZipBuilder::extendedTime(std::time_t time) {
+    entries_.back().extendedTime = time;
+    return *this;
+}
+
+ZipBuilder& ZipBuilder::unixMode(std::uint32_t mode) {
+    entries_.back().unixMode = mode;
     return *this;
 }
 
@@ -57,6 +67,18 @@ std::string ZipBuilder::bytes() const {
                                          0) == 0,
                 "cannot set the method");
         require(zip_file_set_mtime(archive, at, entry.time, 0) == 0, "cannot set the time");
+        if (entry.extendedTime) {
+            std::string field(5, '\1');  // flags: modification time only, then the time
+            putLittle(field, 1, 4, static_cast<std::uint32_t>(*entry.extendedTime));
+            require(zip_file_extra_field_set(archive, at, 0x5455, ZIP_EXTRA_FIELD_NEW,
+                                             reinterpret_cast<const zip_uint8_t*>(field.data()), 5,
+                                             ZIP_FL_CENTRAL | ZIP_FL_LOCAL) == 0,
+                    "cannot set the extended time");
+        }
+        if (entry.unixMode) {
+            require(zip_file_set_external_attributes(archive, at, 0, ZIP_OPSYS_UNIX, *entry.unixMode << 16) == 0,
+                    "cannot set the mode");
+        }
     }
     require(zip_close(archive) == 0, "cannot write");
 

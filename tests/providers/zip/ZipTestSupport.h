@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <ctime>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,10 @@ public:
                      std::time_t time = kTime);
     // `name` ends with '/'.
     ZipBuilder& folder(const std::string& name, std::time_t time = kTime);
+    // The last entry added also records `time` in an extended-timestamp field (UTC).
+    ZipBuilder& extendedTime(std::time_t time);
+    // The last entry added records a Unix `mode` (with its file type) in its attributes.
+    ZipBuilder& unixMode(std::uint32_t mode);
     std::string bytes() const;
 
 private:
@@ -37,6 +42,8 @@ private:
         Method method;
         std::time_t time;
         bool folder;
+        std::optional<std::time_t> extendedTime;
+        std::optional<std::uint32_t> unixMode;
     };
     std::vector<Entry> entries_;
 };

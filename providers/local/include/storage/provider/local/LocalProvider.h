@@ -152,7 +152,9 @@ class WrittenFileSystems;
 // time. The first snapshot, taken by startChangePollingMechanism, throws as listAll does.
 //
 // flushFilesystem() calls syncfs(2) on every file system this provider has changed since it
-// was built. invalidate() does nothing: the provider caches nothing, every call asks the
+// was built, through a folder of it that still exists; a file system no longer reachable
+// (unmounted) fails with IOError naming the folder last changed there, after the others are
+// flushed. invalidate() does nothing: the provider caches nothing, every call asks the
 // file system. shutdown() ends native notification and change polling; the provider stays
 // usable.
 //

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -22,6 +23,11 @@ class Archive;
 // compressed size must lie within the archive, a stored entry may not declare more than it
 // stores, and all entries' compressed sizes together must fit in the archive (entries never
 // share bytes).
+//
+// The index holds a node per entry and per folder the names imply; implied folders are
+// limited to the smaller of maxEntries and 32,768 plus one per 32 bytes of the directory's
+// records. Building it costs at most about 300 bytes per node, so an archive's index takes at
+// most about 10 MB plus 16 bytes per byte of its central directory before it is refused.
 struct ZipLimits {
     // Entries in the archive's directory; as many folders again may be implied by their names.
     std::uint64_t maxEntries = 1'000'000;
@@ -39,7 +45,13 @@ struct ZipLimits {
 //
 // Read-only: every change throws ReadOnlyProvider (IReadOnlyProvider). Locations of another
 // scheme or another container, and paths holding a NUL: InvalidLocation, from every
-// operation that reads, exists() included.
+// operation that reads, exists() included. So is every location of an archive nested more
+// than kMaxContainerNesting levels deep (getNesting()), before anything is read.
+//
+// Memory: each open archive holds a read buffer of 64 KiB (less for a smaller archive),
+// libzip's copy of its directory and the index below; an open entry adds libzip's inflate
+// state (about 40 KiB when compressed). With the nesting limit, a chain of open archives
+// holds at most 32 such levels.
 //
 // Entry names: split at '/' and '\'; empty and '.' segments are ignored and '..' removes the
 // segment before it, stopping at the root (so does a location's path), so no name addresses
@@ -50,9 +62,12 @@ struct ZipLimits {
 // serves as a folder. Folders that the archive lists only as parents of entries exist and
 // list like the folders it stores.
 //
-// Attributes: an entry's declared size and its last-modified time (the archive's DOS time,
-// read as local time, as zip tools write it); folders without an entry of their own and the
-// root carry the container file's time. Nothing is writable, hidden or a link.
+// Attributes: an entry's declared size and its last-modified time: its extended-timestamp
+// field (0x5455, UTC) when it has one, otherwise its DOS time read as this machine's local
+// time, as zip tools write and read it; folders without an entry of their own and the root
+// carry the container file's time. Nothing is writable or hidden; an entry whose Unix mode
+// (in its external attributes) is a symbolic link reports itself as one, and reads as the
+// link's target text.
 //
 // Listings (every form native): entries sorted by name (UTF-16 code units), with their
 // attributes unless names only. Wildcards are matched against each name: '*' any run, '?'
@@ -76,8 +91,9 @@ struct ZipLimits {
 // Errors: Exception with the location asked about. A container that cannot be read passes on
 // its own code; a missing container, or one that is a folder, holds no entries: exists()
 // and the like say so, other operations throw that code. A corrupt or truncated archive, or one
-// refused by ZipLimits: IOError. An entry whose encryption or compression method is not
-// supported: UnsupportedOperation on opening it.
+// refused by ZipLimits: IOError ("not a zip archive" in its contexts when the data is not
+// one at all). An encrypted entry, or one whose compression method is not supported:
+// UnsupportedOperation on opening it ("the entry is encrypted" in the contexts of the first).
 //
 // All operations may be called from any thread.
 class ZipProvider : public IReadOnlyProvider, public extensions::IInvalidatable {
@@ -89,6 +105,9 @@ public:
 
     // The item of the archive file.
     const StorageItem& getContainer() const noexcept { return container_; }
+    // How deeply this provider's entry locations are nested: 1 for an archive that is not
+    // itself inside an archive.
+    std::size_t getNesting() const noexcept { return nesting_; }
 
 protected:
     bool doFileExists(const StorageIRI& location) const override;
@@ -111,12 +130,14 @@ private:
 
     StorageItem container_;
     ZipLimits limits_;
+    std::size_t nesting_;
     mutable std::mutex mutex_;  // guards archive_; held while an archive opens
     mutable std::shared_ptr<const detail::Archive> archive_;
 };
 
 // Serves every location inside one archive with one shared ZipProvider while it is held: the
-// key is the location of the archive file's item.
+// key is the archive file's item, its provider object and its location, so that two stores
+// holding an archive at the same path never share a provider.
 class ZipProviderFactory : public ContainerProviderFactory {
 public:
     explicit ZipProviderFactory(ZipLimits limits = {});
