@@ -296,8 +296,10 @@ std::shared_ptr<StorageIRIImpl> HierarchicalImpl::withPathImpl(std::initializer_
                                 const auto& c = *static_cast<const Composition*>(context);
                                 std::memcpy(out, c.text.data(), c.layout.pathStart);
                                 out += c.layout.pathStart;
-                                std::memcpy(out, c.ownPath.data(), c.ownPath.size());
-                                out += c.ownPath.size();
+                                if (!c.ownPath.empty()) {
+                                    std::memcpy(out, c.ownPath.data(), c.ownPath.size());
+                                    out += c.ownPath.size();
+                                }
                                 if (c.slash) {
                                     *out++ = '/';
                                 }
