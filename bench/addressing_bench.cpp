@@ -8,6 +8,7 @@
 // Benchmark names <case>/ours, <case>/peer:<who> and <case>/limit:<who> make the rows of
 // bench/report's table.
 #include <cstdio>
+#include <malloc.h>
 #include <map>
 #include <string>
 #include <unordered_map>
@@ -114,6 +115,48 @@ void parsePoco(benchmark::State& state, const std::string& text) {
 BENCHMARK_CAPTURE(parsePoco, file, kUtf8)->Name("parse_file_iri/peer:Poco::URI");
 BENCHMARK_CAPTURE(parsePoco, nested, kNestedUtf8)->Name("parse_nested_iri/peer:Poco::URI");
 #endif
+
+// --- Children and memory ------------------------------------------------------------------
+
+// StorageIRI(parent, name): the step a listing takes per entry.
+void childLocation(benchmark::State& state) {
+    const StorageIRI folder(u"file:///home/user/projects/app/src/module-042");
+    const ustring name = u"source-01234.cpp";
+    benchmark::DoNotOptimize(folder.getPath());
+    for (auto _ : state) {
+        StorageIRI child(folder, name);
+        benchmark::DoNotOptimize(child);
+    }
+}
+BENCHMARK(childLocation)->Name("child_location/ours");
+
+// The heap bytes one hierarchical location takes beyond its text, as a listing makes them
+// (children of one folder, each kept; names of 16 consecutive lengths, so the allocator's
+// rounding averages out): the counter bytes_beyond_text.
+void memoryPerLocation(benchmark::State& state) {
+    const StorageIRI folder(u"file:///home/user/projects/app/src/module-042");
+    constexpr int kCount = 10000;
+    std::vector<ustring> names;
+    std::size_t textBytes = 0;
+    for (int i = 0; i < kCount; ++i) {
+        names.push_back(u"source-" + ustring(1, static_cast<char16_t>(u'a' + i % 26)) +
+                        ustring(static_cast<std::size_t>(i % 16), u'x') + u".cpp");
+    }
+    double beyond = 0;
+    for (auto _ : state) {
+        std::vector<StorageIRI> children;
+        children.reserve(kCount);
+        const std::size_t before = mallinfo2().uordblks;
+        for (const ustring& name : names) children.emplace_back(folder, name);
+        const std::size_t after = mallinfo2().uordblks;
+        textBytes = 0;
+        for (const StorageIRI& child : children) textBytes += child.toAsciiString().size();
+        // toAsciiString() made UTF-16 copies after the measurement; they do not count.
+        beyond = (static_cast<double>(after - before) - static_cast<double>(textBytes)) / kCount;
+    }
+    state.counters["bytes_beyond_text"] = beyond;
+}
+BENCHMARK(memoryPerLocation)->Name("memory_per_location")->Iterations(3);
 
 // --- Comparisons --------------------------------------------------------------------------
 

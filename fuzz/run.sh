@@ -12,7 +12,7 @@ usage() { echo "usage: $0 SECONDS [TARGET...]   (targets: ${all[*]})" >&2; exit 
 
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 root=$(dirname "$here")
-all=(storage_iri path_view canonicalize platform_iri zip_archive)
+all=(storage_iri common_forms path_view canonicalize platform_iri zip_archive)
 
 [[ $# -ge 1 && $1 =~ ^[0-9]+$ && $1 -gt 0 ]] || usage
 seconds=$1

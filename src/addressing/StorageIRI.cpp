@@ -7,6 +7,7 @@
 #include <type_traits>
 #include <typeinfo>
 
+#include "addressing/detail/CommonForms.h"
 #include "addressing/detail/ContainerImpl.h"
 #include "addressing/detail/FormSupport.h"
 #include "addressing/detail/HierarchicalImpl.h"
@@ -39,6 +40,23 @@ ustring childPath(const ustring& basePath, const ustring& relative) {
     return path;
 }
 
+// withPath(childPath(...)) of a hierarchical location, without making the path: the listing
+// step, so it is worth the copy of the rule.
+std::shared_ptr<detail::StorageIRIImpl> hierarchicalChild(const detail::HierarchicalImpl& base, const ustring& relative) {
+    const std::u16string_view name(relative);
+    if (!name.empty() && name.front() == u'/') {
+        const auto first = name.find_first_not_of(u'/');
+        return base.withPathImpl({u"/", first == std::u16string_view::npos ? std::u16string_view() : name.substr(first)});
+    }
+    const ustring& basePath = base.getPath();
+    if (name.empty()) {
+        return base.withPathImpl({}, true);
+    }
+    const bool slash = basePath.empty() || basePath.back() != u'/';
+    return base.withPathImpl({slash ? u"/" : u"", name.substr(0, name.back() == u'/' ? name.size() - 1 : name.size())},
+                             true);
+}
+
 // The combination step of boost::hash_range over the code units, written out so that the
 // value never depends on the Boost version.
 template <class Char>
@@ -58,7 +76,18 @@ std::size_t hashText(std::basic_string_view<Char> text) noexcept {
 
 }  // namespace
 
-StorageIRI::StorageIRI(ustring text) : impl_(detail::makeSharedImpl(foundation::network::IRI(fl::ustring_view(text)))) {}
+namespace {
+
+std::shared_ptr<detail::StorageIRIImpl> parseText(const ustring& text) {
+    if (auto common = detail::parseCommonForm(text)) {
+        return common;
+    }
+    return detail::makeSharedImpl(foundation::network::IRI(fl::ustring_view(text)));
+}
+
+}  // namespace
+
+StorageIRI::StorageIRI(ustring text) : impl_(parseText(text)) {}
 
 StorageIRI::StorageIRI(foundation::network::IRI iri) : impl_(detail::makeSharedImpl(std::move(iri))) {}
 
@@ -72,10 +101,12 @@ StorageIRI::StorageIRI(ustring scheme, fl::filesystem::basic_path path)
     : impl_(std::make_shared<detail::UPathIRIImpl>(std::move(scheme), std::move(path))) {}
 
 StorageIRI::StorageIRI(const ustring& containerScheme, const StorageIRI& inner, const ustring& path)
-    : impl_(std::make_shared<detail::ContainerImpl>(containerScheme, inner.impl_, path)) {}
+    : impl_(detail::ContainerImpl::make(detail::ContainerImpl::compose(containerScheme, inner.impl_, path))) {}
 
 StorageIRI::StorageIRI(const StorageIRI& base, const ustring& relative)
-    : StorageIRI(base.impl_->withPath(childPath(base.getPath(), relative))) {}
+    : StorageIRI(typeid(*base.impl_) == typeid(detail::HierarchicalImpl)
+                     ? StorageIRI(hierarchicalChild(static_cast<const detail::HierarchicalImpl&>(*base.impl_), relative))
+                     : base.impl_->withPath(childPath(base.getPath(), relative))) {}
 
 ustring StorageIRI::getScheme() const { return impl_->getScheme(); }
 bool StorageIRI::hasHost() const { return impl_->hasHost(); }
@@ -97,20 +128,38 @@ fl::filesystem::basic_path StorageIRI::toUPath() const { return impl_->toUPath()
 const ustring& StorageIRI::toString() const { return impl_->toString(); }
 const ustring& StorageIRI::toAsciiString() const { return impl_->toAsciiString(); }
 
-bool StorageIRI::operator==(const StorageIRI& other) const { return impl_->equals(*other.impl_); }
+// Two locations that keep their ASCII text as bytes are compared here, with the rules of
+// their equals and less, without a virtual call: what maps and sets of locations do most.
+bool StorageIRI::operator==(const StorageIRI& other) const {
+    const detail::StorageIRIImpl& a = *impl_;
+    const detail::StorageIRIImpl& b = *other.impl_;
+    if (&a == &b) {
+        return true;
+    }
+    if (a.hasInlineAscii() && b.hasInlineAscii()) {
+        return detail::equalAsciiTexts(a.inlineAscii(), b.inlineAscii());
+    }
+    return a.equals(b);
+}
 
-bool StorageIRI::operator<(const StorageIRI& other) const { return impl_->less(*other.impl_); }
+bool StorageIRI::operator<(const StorageIRI& other) const {
+    const detail::StorageIRIImpl& a = *impl_;
+    const detail::StorageIRIImpl& b = *other.impl_;
+    if (a.hasInlineAscii() && b.hasInlineAscii()) {
+        return &a != &b && a.inlineAscii() < b.inlineAscii();
+    }
+    return a.less(b);
+}
 
 std::size_t StorageIRI::hashValue() const {
     const detail::StorageIRIImpl& impl = *impl_;
     if (const std::size_t known = impl.knownHash()) {
         return known;
     }
-    // A hierarchical location hashes its narrow text: the same code units, and no UTF-16
-    // copy is made for a location that is only hashed.
-    const std::size_t hash = typeid(impl) == typeid(detail::HierarchicalImpl)
-                                 ? hashText(static_cast<const detail::HierarchicalImpl&>(impl).asciiView())
-                                 : hashText(std::u16string_view(toAsciiString()));
+    // A location that keeps its ASCII text as bytes hashes those: the same code units, and no
+    // UTF-16 copy is made for a location that is only hashed.
+    const std::size_t hash = impl.hasInlineAscii() ? hashText(impl.inlineAscii())
+                                                   : hashText(std::u16string_view(toAsciiString()));
     impl.rememberHash(hash);
     return hash;
 }

@@ -11,6 +11,8 @@
 #include <unordered_set>
 #include <vector>
 
+#include <pthread.h>
+
 #include <boost/functional/hash.hpp>
 #include <gtest/gtest.h>
 
@@ -56,6 +58,15 @@ private:
 };
 
 StorageIRI textIRI(const ustring& text) { return StorageIRI(std::make_shared<TextImpl>(text)); }
+
+// A file 'levels' containers deep: 's:s:file:///a!/b!/b'.
+ustring nested(std::size_t levels) {
+    ustring text;
+    for (std::size_t i = 0; i < levels; ++i) text += u"s:";
+    text += u"file:///a";
+    for (std::size_t i = 0; i < levels; ++i) text += u"!/b";
+    return text;
+}
 
 TEST(StorageIRI, ParsesHierarchicalText) {
     auto check = [](const ustring& text, const ustring& shown, const ustring& host, const ustring& path,
@@ -229,6 +240,7 @@ TEST(StorageIRI, ParentsNamesAndRoots) {
     check(u"file:///a//b", u"file:///a");
     check(u"mem:///a://b", u"mem:///a:");
     check(u"zip:file:///c.zip!/a//b", u"zip:file:///c.zip!/a");
+    check(u"zip:file:///c.zip!/a%21//", u"zip:file:///c.zip!/a%21");
     EXPECT_TRUE(StorageIRI(u"mem:///a://b").getParent().isAncestorOf(StorageIRI(u"mem:///a://b")));
 
     const StorageIRI root(u"file:///");
@@ -341,6 +353,10 @@ TEST(StorageIRI, MalformedTextRaisesTheDocumentedFailures) {
     bad(u"s:rel!/a", "IRI 'rel' is not absolute.");
     bad(u"mailto:x", "Invalid container-style storage IRI 'mailto:x'. Expected to find a '!' to begin the path "
                      "section.");
+    for (const std::size_t levels : {33, 10000}) {
+        bad(nested(levels), "Invalid container-style storage IRI '" + utf8(nested(levels)) +
+                                "'. Containers nest at most 32 levels deep.");
+    }
     // Text the IRI parser refuses keeps the parser's exception type.
     EXPECT_THROW(StorageIRI(u"http://[::1/x"), std::invalid_argument);
     EXPECT_THROW(StorageIRI(u"1a:/x"), std::exception);
@@ -385,6 +401,28 @@ void exercise(const StorageIRI& iri) {
         } catch (const std::exception&) {
         }
     }
+}
+
+TEST(StorageIRI, DeepestNestingParsesOnASmallStack) {
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, 512 * 1024);
+    pthread_t thread;
+    bool parsed = false;
+    ASSERT_EQ(pthread_create(
+                  &thread, &attributes,
+                  [](void* result) -> void* {
+                      // Both parsers: the one for common text and the general one.
+                      const StorageIRI common(nested(32));
+                      const StorageIRI general{foundation::network::IRI(nested(32))};
+                      *static_cast<bool*>(result) = common == general && general.getInnerIRI().hasInnerIRI();
+                      return nullptr;
+                  },
+                  &parsed),
+              0);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attributes);
+    EXPECT_TRUE(parsed);
 }
 
 TEST(StorageIRI, NoInputCrashes) {

@@ -130,9 +130,12 @@ QKFL_STORAGE_EXPORT std::ostream& operator<<(std::ostream& out, const StorageIRI
 
 }  // namespace foundation::storage::provider
 
+// Deliberately not noexcept: libstdc++'s unordered containers then keep each key's hash in its
+// node and compare those before the keys, so a lookup reads one location, not every one in
+// the bucket.
 template <>
 struct std::hash<foundation::storage::provider::StorageIRI> {
-    std::size_t operator()(const foundation::storage::provider::StorageIRI& location) const noexcept {
+    std::size_t operator()(const foundation::storage::provider::StorageIRI& location) const {
         return location.hashValue();
     }
 };

@@ -7,6 +7,7 @@
 
 #include "fl/ustring.h"
 #include "foundation/core/except/Exception.h"
+#include "storage/provider/detail/StorageIRIImpl.h"
 
 // Helpers shared by the StorageIRI forms: the fixed failure texts and path splitting.
 namespace foundation::storage::provider::detail {
@@ -26,6 +27,11 @@ std::string message(const Parts&... parts) {
 [[noreturn]] void throwNoParent();
 [[noreturn]] void throwNoInnerIRI();
 [[noreturn]] void throwNotAbsolute(const ustring& text);
+
+struct StorageIRIImpl::Extras {
+    virtual ~Extras() = default;
+    LazyBox<ustring> resolvedPath;
+};
 
 // Equality of two ASCII texts of locations: a run of one or of three or more '/' after the
 // scheme match each other, and the character before the first '/' is not compared.

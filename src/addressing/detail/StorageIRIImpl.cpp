@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string_view>
 #include <type_traits>
+#include <typeinfo>
 
 #include "addressing/detail/ContainerImpl.h"
 #include "addressing/detail/FormSupport.h"
@@ -44,10 +45,17 @@ ustring parentPathOf(const std::pair<ustring, ustring>& parentAndName) {
 
 StorageIRIImpl::StorageIRIImpl() = default;
 
+StorageIRIImpl::StorageIRIImpl(std::uint16_t offset, std::uint32_t size) noexcept
+    : asciiSize_(size), asciiOffset_(offset) {}
+
 StorageIRIImpl::~StorageIRIImpl() = default;
 
 const ustring& StorageIRIImpl::getResolvedPath() const {
-    return resolvedPath_.get([this] {
+    // The hierarchical form extends the extras with its own derived values.
+    const Extras& extras = typeid(*this) == typeid(HierarchicalImpl)
+                               ? static_cast<const HierarchicalImpl&>(*this).derivedExtras()
+                               : this->extras([] { return std::make_unique<Extras>(); });
+    return extras.resolvedPath.get([this] {
         const ustring& path = getPath();
         if (path.size() < 2) {
             return path;
@@ -124,13 +132,24 @@ bool equalAsciiTexts(std::u16string_view a, std::u16string_view b) noexcept { re
 
 bool equalAsciiTexts(std::string_view a, std::string_view b) noexcept { return equalTexts(a, b); }
 
+// Between two forms that keep their text as bytes the bytes are compared, with the same
+// rules: ASCII bytes compare and order as the UTF-16 code units that widen them.
 bool StorageIRIImpl::equals(const StorageIRIImpl& other) const {
-    return this == &other || equalAsciiTexts(toAsciiString(), other.toAsciiString());
+    if (this == &other) {
+        return true;
+    }
+    if (hasInlineAscii() && other.hasInlineAscii()) {
+        return equalAsciiTexts(inlineAscii(), other.inlineAscii());
+    }
+    return equalAsciiTexts(toAsciiString(), other.toAsciiString());
 }
 
 bool StorageIRIImpl::less(const StorageIRIImpl& other) const {
     if (this == &other) {
         return false;
+    }
+    if (hasInlineAscii() && other.hasInlineAscii()) {
+        return inlineAscii() < other.inlineAscii();
     }
     return toAsciiString() < other.toAsciiString();
 }
@@ -159,13 +178,21 @@ auto chooseForm(foundation::network::IRI&& iri, Make make) {
 
 std::unique_ptr<StorageIRIImpl> makeImpl(foundation::network::IRI iri) {
     return chooseForm(std::move(iri), []<class Form>(std::type_identity<Form>, foundation::network::IRI&& parsed) {
-        return std::unique_ptr<StorageIRIImpl>(std::make_unique<Form>(std::move(parsed)));
+        if constexpr (std::is_same_v<Form, ContainerImpl>) {
+            return std::unique_ptr<StorageIRIImpl>(ContainerImpl::makeUnique(ContainerImpl::parse(std::move(parsed))));
+        } else {
+            return std::unique_ptr<StorageIRIImpl>(HierarchicalImpl::uniqueFromIRI(std::move(parsed)));
+        }
     });
 }
 
 std::shared_ptr<StorageIRIImpl> makeSharedImpl(foundation::network::IRI iri) {
     return chooseForm(std::move(iri), []<class Form>(std::type_identity<Form>, foundation::network::IRI&& parsed) {
-        return std::shared_ptr<StorageIRIImpl>(std::make_shared<Form>(std::move(parsed)));
+        if constexpr (std::is_same_v<Form, ContainerImpl>) {
+            return std::shared_ptr<StorageIRIImpl>(ContainerImpl::make(ContainerImpl::parse(std::move(parsed))));
+        } else {
+            return std::shared_ptr<StorageIRIImpl>(HierarchicalImpl::fromIRI(std::move(parsed)));
+        }
     });
 }
 

@@ -2,7 +2,9 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
+#include <string_view>
 
 #include "fl/filesystem/path.h"
 #include "fl/ustring.h"
@@ -67,13 +69,35 @@ public:
     std::size_t knownHash() const noexcept { return hash_.load(std::memory_order_relaxed); }
     void rememberHash(std::size_t hash) const noexcept { hash_.store(hash, std::memory_order_relaxed); }
 
+    // toAsciiString() as bytes, for the forms that keep it so beside themselves (hierarchical
+    // and container locations): equality, ordering and hashing between two of them compare
+    // these bytes with the same rules, without a virtual call. Empty for every other form.
+    std::string_view inlineAscii() const noexcept {
+        return {reinterpret_cast<const char*>(this) + asciiOffset_, asciiSize_};
+    }
+    bool hasInlineAscii() const noexcept { return asciiOffset_ != 0; }
+
+    // The values derived on first use that the library's own forms keep apart from
+    // themselves: the resolved path here, more in the forms' own extensions of it.
+    struct Extras;
+
 protected:
     StorageIRIImpl();
+    // For a form whose ASCII text is `size` bytes starting `offset` bytes after its own start.
+    StorageIRIImpl(std::uint16_t offset, std::uint32_t size) noexcept;
+
+    // The extras, made by `make` (returning std::unique_ptr<Extras>) when first asked for.
+    template <class Make>
+    const Extras& extras(Make&& make) const {
+        return *extras_.get(make);
+    }
 
 private:
     // A box rather than a Lazy: one word until asked for, which is rare.
-    LazyBox<ustring> resolvedPath_;
+    LazyBox<std::unique_ptr<Extras>> extras_;
     mutable std::atomic<std::size_t> hash_{0};
+    std::uint32_t asciiSize_ = 0;
+    std::uint16_t asciiOffset_ = 0;
 };
 
 // The implementation for a parsed IRI: a container location when it is opaque
