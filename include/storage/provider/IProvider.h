@@ -43,9 +43,11 @@ struct FilenameSensitivity {
 // thread-safe. Failures throw Exception carrying an ErrorCode and the location concerned; a
 // default the provider has not supplied throws ErrorCode::UnsupportedOperation.
 //
-// Providers are shared through std::shared_ptr. The order of the virtual members below is
+// Providers are owned through std::shared_ptr (change polling requires it: polls hold the
+// provider through a weak reference, so a provider may go while its folders are polled and
+// is never called once its destructor has begun). The order of the virtual members below is
 // part of the interface: derived interfaces append after it.
-class QKFL_STORAGE_EXPORT IProvider {
+class QKFL_STORAGE_EXPORT IProvider : public std::enable_shared_from_this<IProvider> {
 public:
     IProvider();
     IProvider(const IProvider&) = delete;
@@ -175,7 +177,13 @@ public:
     // Polls `folder` every `period` on the provider's polling thread and reports the
     // subscribed kinds to `callback`. The first request's callback and period serve every
     // later request of this provider; a folder already watched keeps its first subscription.
-    // Throws what the first listing throws (ResourceNotFound for a missing folder).
+    // Polls are guarded (PollGuard): no exception escapes one, a poll that cannot read the
+    // folder or a subfolder publishes nothing and is tried again next period, and only a
+    // folder that is gone (ResourceNotFound) is reported as FolderVanished; an exception the
+    // callback throws is dropped. The provider may be released, also from inside the
+    // callback, while its folders are polled. Requires: the provider is owned by a
+    // std::shared_ptr (else std::logic_error). Throws what the first listing throws
+    // (ResourceNotFound for a missing folder).
     void startChangePollingMechanism(const StorageIRI& folder, const ChangeEventCallback& callback,
                                      const std::vector<events::Kind>& kinds, std::chrono::milliseconds period,
                                      RecursiveChangePolling recursive) const {
@@ -261,9 +269,9 @@ protected:
     virtual void doTruncateToSize(const StorageIRI& location, std::uint64_t size) const;
     virtual ProviderCacheUsage doGetProviderCacheUsage(const StorageIRI& location) const;
 
-    // Stops change polling and joins the polling thread; polling may start again afterwards.
-    // The polling thread calls this provider's virtual members, so a provider that can be
-    // polled calls this first in its own destructor, before its members go. Never throws.
+    // Stops change polling of every folder and ends the polling thread (joined, unless this
+    // runs on it); polling may start again afterwards. Never throws. A destructor need not
+    // call it: polls never call a provider whose destructor has begun.
     void endChangePolling() const noexcept;
 
 private:

@@ -1,5 +1,7 @@
 #include "storage/provider/local/LocalProvider.h"
 
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -228,46 +230,48 @@ TEST_F(LocalEventsTest, PollsRealFolders) {
     provider_->stopChangePollingMechanism(at("deep"));
 }
 
-TEST_F(LocalEventsTest, PollingSurvivesAFolderMadeUnreadable) {
+// A folder that cannot be read (EACCES), or read at all for want of a descriptor (EMFILE), is
+// skipped and polled again, never reported as vanished: only a folder that is gone is.
+TEST_F(LocalEventsTest, PollingSkipsWhatItCannotReadUntilItCan) {
     if (auto reason = test::permissionsIgnored()) GTEST_SKIP() << *reason;
-    makeFolder("vanishing");
-    makeFolder("blinking");
-    makeFolder("heartbeat");
-    writeFile(path("blinking/inside"), "i");
+    makeFolder("locked");
+    makeFolder("beat");
+    writeFile(path("locked/inside"), "i");
     EventLog& log = newLog(folder_.path());
     const auto period = std::chrono::milliseconds(5);
-    const std::vector<Kind> noVanishing{Kind::EntryAdded, Kind::EntryModified, Kind::EntryRemoved};
-    provider_->startChangePollingMechanism(at("heartbeat"), log.callback(), noVanishing, period,
-                                           RecursiveChangePolling::NonRecursive);
-    provider_->startChangePollingMechanism(at("vanishing"), log.callback(), kAll, period,
-                                           RecursiveChangePolling::NonRecursive);
-    provider_->startChangePollingMechanism(at("blinking"), log.callback(), noVanishing, period,
+    provider_->startChangePollingMechanism(at("locked"), log.callback(), kAll, period,
                                            RecursiveChangePolling::Recursive);
-
-    // Unreadable while polled: reported as vanished, the process goes on.
-    ASSERT_EQ(::chmod(path("vanishing").c_str(), 0), 0);
-    ASSERT_EQ(::chmod(path("blinking").c_str(), 0), 0);
-    EXPECT_TRUE(log.waitFor("FolderVanished vanishing folder"));
-    // Without FolderVanished the folder is skipped while it cannot be read: two passes
-    // complete in the meantime...
-    writeFile(path("heartbeat/1"), "1");
-    ASSERT_TRUE(log.waitFor("EntryAdded heartbeat/1 file"));
-    writeFile(path("heartbeat/2"), "2");
-    ASSERT_TRUE(log.waitFor("EntryAdded heartbeat/2 file"));
-    EXPECT_FALSE(mentions(log.lines(), "blinking"));
-    // ...and watched again once it can.
-    ASSERT_EQ(::chmod(path("blinking").c_str(), 0755), 0);
-    writeFile(path("blinking/back"), "b");
-    EXPECT_TRUE(log.waitFor("EntryAdded blinking/back file"));
-    EXPECT_FALSE(mentions(log.lines(), "EntryRemoved blinking/inside"));
-
-    // A vanished folder is polled again after a new start.
-    ASSERT_EQ(::chmod(path("vanishing").c_str(), 0755), 0);
-    provider_->stopChangePollingMechanism(at("vanishing"));
-    provider_->startChangePollingMechanism(at("vanishing"), log.callback(), kAll, period,
+    // Polled by stat(2) alone, which needs no descriptor: each FolderChanged proves a pass.
+    provider_->startChangePollingMechanism(at("beat"), log.callback(), {Kind::FolderChanged}, period,
                                            RecursiveChangePolling::NonRecursive);
-    writeFile(path("vanishing/again"), "a");
-    EXPECT_TRUE(log.waitFor("EntryAdded vanishing/again file"));
+    int beats = 0;
+    auto twoPasses = [&] {
+        for (int i = 0; i < 2; ++i) {
+            const struct timespec times[2] = {{0, UTIME_OMIT}, {1000000000 + ++beats, 0}};
+            ASSERT_EQ(::utimensat(AT_FDCWD, path("beat").c_str(), times, 0), 0);
+            ASSERT_TRUE(log.waitUntil([&](const std::vector<std::string>& lines) {
+                return std::count(lines.begin(), lines.end(), "FolderChanged beat folder") == beats;
+            }));
+        }
+    };
+
+    ASSERT_EQ(::chmod(path("locked").c_str(), 0), 0);
+    twoPasses();
+    ASSERT_EQ(::chmod(path("locked").c_str(), 0755), 0);
+    struct rlimit limit {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const int lowestFree = ::dup(0);
+    ::close(lowestFree);
+    const struct rlimit none {static_cast<rlim_t>(lowestFree), limit.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    twoPasses();
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_FALSE(mentions(log.lines(), "locked")) << "nothing changed in it";
+
+    writeFile(path("locked/back"), "b");
+    EXPECT_TRUE(log.waitFor("EntryAdded locked/back file"));
+    EXPECT_FALSE(mentions(log.lines(), "Removed"));
+    EXPECT_FALSE(mentions(log.lines(), "Vanished"));
 }
 
 TEST_F(LocalEventsTest, PollingSurvivesEntriesVanishingWhileListed) {
