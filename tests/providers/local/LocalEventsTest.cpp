@@ -9,6 +9,8 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <future>
+#include <mutex>
 #include <memory>
 #include <string>
 #include <thread>
@@ -17,7 +19,9 @@
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <gtest/gtest.h>
 
+#include "ChangeNotifier.h"
 #include "LocalTestSupport.h"
+#include "support/FakeFolder.h"
 
 namespace foundation::storage::provider::local {
 namespace {
@@ -173,6 +177,96 @@ TEST_F(LocalEventsTest, PublishesOneFilesChangesUntilStopped) {
 
     provider_->stopPublishingFolderEventsFor(at("beacon"));
     provider_->stopPublishingFolderEventsFor(at("never-watched"));
+}
+
+// After events were lost every subscription hears of it, whatever kinds it asked for, and a
+// recursive one watches the folders created meanwhile.
+TEST_F(LocalEventsTest, AfterAnOverflowEverySubscriptionHearsAndNewFoldersAreWatched) {
+    makeFolder("gate");
+    makeFolder("w");
+    auto notifier = detail::ChangeNotifier::create();
+    std::promise<void> entered;
+    std::promise<void> open;
+    std::once_flag once;
+    notifier->watchFolder(
+        at("gate"), path("gate"),
+        [&, opened = open.get_future().share()](auto&&...) {
+            std::call_once(once, [&] {
+                entered.set_value();
+                opened.wait();
+            });
+        },
+        {Kind::EntryAdded}, false);
+    EventLog& log = newLog(path("w"));
+    notifier->watchFolder(at("w"), path("w"), log.callback(), {Kind::EntryAdded}, true);
+    notifier->watchFile(at("w/f"), at("w"), path("w"), "f", log.callback(), {Kind::EntryRemoved});
+
+    writeFile(path("gate/x"), "x");
+    entered.get_future().wait();  // the notification thread waits in the gate's callback
+    makeFolder("w/n");
+    makeFolder("w/n/m");
+    notifier->loseNextRead();  // the creations above
+    open.set_value();
+    EXPECT_TRUE(log.waitFor("FolderChanged . folder eventsLost"));
+    EXPECT_TRUE(log.waitFor("EntryModified f file eventsLost"));
+    writeFile(path("w/n/m/g"), "g");
+    EXPECT_TRUE(log.waitFor("EntryAdded n/m/g file"));
+    notifier->shutdown();
+}
+
+// The provider may go inside its own callback on the notification thread, or on another
+// thread while a callback holds it: the thread neither joins itself nor deadlocks.
+TEST_F(LocalEventsTest, ProviderMayGoFromItsNativeCallback) {
+    for (const bool inside : {true, false}) {
+        const std::string folder = inside ? "inside" : "holding";
+        makeFolder(folder);
+        auto owner = std::make_shared<LocalProvider>();
+        const std::weak_ptr<LocalProvider> weak = owner;
+        struct Slot {
+            std::mutex mutex;
+            std::shared_ptr<IProvider> last;
+        };
+        auto slot = std::make_shared<Slot>();
+        auto holding = std::make_shared<std::promise<void>>();
+        auto held = holding->get_future();
+        std::promise<void> released;
+        auto token = std::make_shared<int>(0);  // alive while any copy of the callback is
+        const std::weak_ptr<int> callbackAlive = token;
+        owner->publishFolderEventsFor(
+            at(folder),
+            [inside, slot, holding, weak, token, go = released.get_future().share(),
+             once = std::make_shared<std::once_flag>()](auto&&...) {
+                if (inside) {
+                    std::shared_ptr<IProvider> last;
+                    std::lock_guard lock(slot->mutex);
+                    last.swap(slot->last);
+                } else {
+                    std::call_once(*once, [&] {
+                        if (const auto provider = weak.lock()) {
+                            holding->set_value();
+                            go.wait();
+                        }
+                    });
+                }
+            },
+            {Kind::EntryAdded}, RecursiveFileWatching::NonRecursive);
+        token.reset();
+        if (inside) {
+            {
+                std::lock_guard lock(slot->mutex);
+                slot->last = std::move(owner);
+            }
+            writeFile(path(folder + "/x"), "x");
+        } else {
+            writeFile(path(folder + "/x"), "x");
+            ASSERT_EQ(held.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+            owner.reset();
+            released.set_value();
+        }
+        EXPECT_TRUE(fake::eventually([&] { return weak.expired() && callbackAlive.expired(); },
+                                     std::chrono::seconds(60)))
+            << folder;
+    }
 }
 
 TEST_F(LocalEventsTest, RefusesToWatchWhatIsNotAFolder) {

@@ -54,7 +54,8 @@ std::optional<std::string> mountTmpfs(const std::string& path, const std::string
 std::optional<std::string> remountReadOnly(const std::string& path);
 
 // Collects change events from a background thread as lines "EntryAdded sub/a.txt file": the
-// kind, the path relative to `root` ('.' for the root itself) and the entry type.
+// kind, the path relative to `root` ('.' for the root itself) and the entry type, followed by
+// " eventsLost" for the notice of an overflow.
 class EventLog {
 public:
     explicit EventLog(std::string root) : root_(std::move(root)) {}
