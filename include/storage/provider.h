@@ -24,6 +24,7 @@
 #include "storage/provider/Options.h"
 #include "storage/provider/PathConversions.h"
 #include "storage/provider/PathView.h"
+#include "storage/provider/PollGuard.h"
 #include "storage/provider/PollingChangeEventsDetector.h"
 #include "storage/provider/ProviderFactory.h"
 #include "storage/provider/SingleFolderChangePoller.h"

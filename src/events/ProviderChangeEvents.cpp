@@ -3,8 +3,10 @@
 #include "storage/provider/IProvider.h"
 
 #include <memory>
+#include <stdexcept>
 
 #include "storage/provider/Exception.h"
+#include "storage/provider/PollGuard.h"
 #include "storage/provider/PollingChangeEventsDetector.h"
 
 namespace foundation::storage::provider {
@@ -32,20 +34,21 @@ void IProvider::doStartChangePollingMechanism(const StorageIRI& folder, const Ch
                                               const std::vector<events::Kind>& kinds,
                                               std::chrono::milliseconds period,
                                               RecursiveChangePolling recursive) const {
+    std::weak_ptr<const IProvider> self = weak_from_this();
+    if (self.expired()) throw std::logic_error("change polling needs a provider owned by a std::shared_ptr");
     std::lock_guard lock(pollingMutex_);
     if (!detector_) {
-        detector_ = std::make_unique<PollingChangeEventsDetector>(callback, period);
+        auto dropExceptions = [callback](const events::Kind& kind, const StorageIRI& watched, const StorageIRI& entry,
+                                         const events::EntryType& type, boost::property_tree::ptree details) {
+            try {
+                callback(kind, watched, entry, type, std::move(details));
+            } catch (...) {
+                // A callback must not throw; nothing may escape a poll.
+            }
+        };
+        detector_ = std::make_unique<PollingChangeEventsDetector>(std::move(dropExceptions), period);
     }
-    // The getters call the primitives directly. A plain pointer suffices: the provider owns
-    // the detector, whose thread is joined before the provider's members go.
-    auto listEntries = [this, recursive](StorageIRI location) {
-        return recursive == RecursiveChangePolling::NonRecursive ? doListAll(location)
-                                                                 : doListAllRecursive(location);
-    };
-    auto fileAttributes = [this](StorageIRI location) { return doGetFileAttributes(location); };
-    auto folderAttributes = [this](StorageIRI location) { return doGetFolderAttributes(location); };
-    detector_->addFolderLocation(folder, std::move(listEntries), std::move(fileAttributes),
-                                 std::move(folderAttributes), kinds, recursive);
+    PollGuard(std::move(self), folder, detector_->callback(), kinds, recursive).addTo(*detector_);
 }
 
 void IProvider::doStopChangePollingMechanism(const StorageIRI& folder) const {

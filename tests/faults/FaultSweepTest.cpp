@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "fl/i18n/convert.h"
+#include "storage/provider/PollGuard.h"
 #include "storage/provider/SingleFolderChangePoller.h"
 #include "storage/provider/StorageItem.h"
 #include "storage/provider/TransactionalStream.h"
@@ -308,37 +309,37 @@ std::string describe(const events::Kind& kind, const StorageIRI& entry) {
 }
 
 // The events of one poll after the folder changed: one entry modified, one added, one removed.
-const std::vector<std::string>& pollEvents() {
-    static const std::vector<std::string> events = [] {
-        std::vector<std::string> lines;
-        lines.push_back(describe(events::Kind::FolderChanged, StorageIRI(u"mem:///work")));
-        lines.push_back(describe(events::Kind::EntryModified, StorageIRI(u"mem:///work/a")));
-        lines.push_back(describe(events::Kind::EntryAdded, StorageIRI(u"mem:///work/c")));
-        lines.push_back(describe(events::Kind::EntryRemoved, StorageIRI(u"mem:///work/b")));
-        return lines;
-    }();
-    return events;
+std::vector<std::string> pollEvents(const StorageIRI& folder) {
+    return {describe(events::Kind::FolderChanged, folder),
+            describe(events::Kind::EntryModified, StorageIRI(folder, u"a")),
+            describe(events::Kind::EntryAdded, StorageIRI(folder, u"c")),
+            describe(events::Kind::EntryRemoved, StorageIRI(folder, u"b"))};
 }
 
+// Two polls through the guard the providers' change polling uses: a poll that cannot read
+// publishes no entry event and throws nothing, and the next one reports every change; a
+// missing entry or folder that is still there is no vanished folder.
 Operation poll() {
     return {
         [](World& w) {
             w.put(w.at("a"), "a", *w.rawTarget);
             w.put(w.at("b"), "b", *w.rawTarget);
-            const auto provider = w.target;
-            // Bound to the provider as its change polling binds them.
-            w.poller = std::make_unique<SingleFolderChangePoller>(
-                w.folder,
-                [&w](const events::Kind& kind, const StorageIRI&, const StorageIRI& entry, const events::EntryType&,
-                     boost::property_tree::ptree) { w.events.push_back(describe(kind, entry)); },
-                [provider](StorageIRI folder) { return provider->listAll(folder); },
-                [provider](StorageIRI file) { return provider->getFileAttributes(file); },
-                [provider](StorageIRI folder) { return provider->getFolderAttributes(folder); },
+            const ChangeEventCallback record = [&w](const events::Kind& kind, const StorageIRI&,
+                                                    const StorageIRI& entry, const events::EntryType&,
+                                                    boost::property_tree::ptree) {
+                w.events.push_back(describe(kind, entry));
+            };
+            const PollGuard guard(
+                w.target, w.folder, record,
                 std::vector<events::Kind>{events::Kind::FolderChanged, events::Kind::FolderVanished,
                                           events::Kind::EntryAdded, events::Kind::EntryModified,
                                           events::Kind::EntryRemoved},
                 RecursiveChangePolling::NonRecursive);
+            w.poller = std::make_unique<SingleFolderChangePoller>(
+                w.folder, record, guard.iteratorGetter(), guard.fileAttributesGetter(), guard.folderAttributesGetter(),
+                guard.pollerKinds(), RecursiveChangePolling::NonRecursive);
             w.poller->buildInitialSnapshot();
+            guard.arm();
             w.put(w.at("a"), "a2", *w.rawTarget);
             w.rawTarget->removeFile(w.at("b"));
             w.put(w.at("c"), "c", *w.rawTarget);
@@ -346,13 +347,18 @@ Operation poll() {
         [](World& w) {
             w.events.clear();
             w.poller->checkForChanges();
+            if (w.plan->fired()) {
+                // The folder's own time may be read, and its change published, before what fails.
+                const std::vector<std::string> folderOnly{pollEvents(w.folder).front()};
+                EXPECT_TRUE(w.events.empty() || w.events == folderOnly) << "a failed poll published entries";
+                w.events.clear();
+                w.poller->checkForChanges();
+            }
         },
         unchanged,
-        // A failed poll keeps its snapshot, so the next one reports every change.
         [](World& w, bool failed) {
-            if (!failed) {
-                EXPECT_EQ(w.events, pollEvents());
-            }
+            EXPECT_FALSE(failed);
+            EXPECT_EQ(w.events, pollEvents(w.folder));
         },
     };
 }
@@ -481,7 +487,8 @@ INSTANTIATE_TEST_SUITE_P(
         Sweep{"MemoryGrowShortWrite", Mem, Here, grow, W, ErrorCode::IOError},
         Sweep{"MemoryRecursiveCreationException", Mem, Here, recursiveCreation, E, ErrorCode::PermissionDenied},
         Sweep{"LocalRecursiveCreationException", Loc, Here, recursiveCreation, E, ErrorCode::PermissionDenied},
-        Sweep{"MemoryPollException", Mem, Here, poll, E, ErrorCode::IOError}),
+        Sweep{"MemoryPollException", Mem, Here, poll, E, ErrorCode::IOError},
+        Sweep{"MemoryPollNotFound", Mem, Here, poll, E, ErrorCode::ResourceNotFound}),
     [](const ::testing::TestParamInfo<Sweep>& line) { return std::string(line.param.name); });
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <ctime>
@@ -53,14 +54,21 @@ int runWatch(const ProviderRegistry& registry, const WatchOptions& o) {
     std::atomic<bool> vanished{false};
     const sp::StorageItem folder = registry.itemFor(o.folder);
 
-    std::vector<ev::Kind> kinds = o.kinds;
-    if (kinds.empty()) {
-        kinds = {ev::Kind::FolderChanged, ev::Kind::FolderVanished, ev::Kind::EntryAdded, ev::Kind::EntryModified,
+    std::vector<ev::Kind> shown = o.kinds;
+    if (shown.empty()) {
+        shown = {ev::Kind::FolderChanged, ev::Kind::FolderVanished, ev::Kind::EntryAdded, ev::Kind::EntryModified,
                  ev::Kind::EntryRemoved};
+    }
+    // FolderVanished is always asked for, shown or not: the watch ends with the folder.
+    std::vector<ev::Kind> kinds = shown;
+    if (std::find(kinds.begin(), kinds.end(), ev::Kind::FolderVanished) == kinds.end()) {
+        kinds.push_back(ev::Kind::FolderVanished);
     }
     const sp::ChangeEventCallback callback = [&](const ev::Kind& kind, const sp::StorageIRI& watched,
                                                  const sp::StorageIRI& entry, const ev::EntryType& type,
                                                  boost::property_tree::ptree details) {
+        if (kind == ev::Kind::FolderVanished && entry == folder.getLocation()) vanished = true;
+        if (std::find(shown.begin(), shown.end(), kind) == shown.end()) return;
         try {
             const std::string line = o.json ? jsonLine(kind, watched, entry, type, details)
                                             : fmt::format("{:<14} {:<6} {}", kindName(kind), typeName(type), text(entry));
@@ -70,7 +78,6 @@ int runWatch(const ProviderRegistry& registry, const WatchOptions& o) {
         } catch (...) {
             // A callback must not throw; a line that cannot be printed is lost.
         }
-        if (kind == ev::Kind::FolderVanished && entry == folder.getLocation()) vanished = true;
     };
 
     const auto recursive = o.recursive ? sp::RecursiveChangePolling::Recursive : sp::RecursiveChangePolling::NonRecursive;

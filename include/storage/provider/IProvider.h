@@ -66,12 +66,14 @@ struct ListingRequest {
 // provider. "Missing" means ResourceNotFound; "wrong kind" means InvalidLocation (a file where
 // a folder is needed or the other way round, or a location the provider cannot address).
 //
-// Providers are shared through std::shared_ptr. The order of the virtual members below is
+// Providers are owned through std::shared_ptr (change polling requires it: polls hold the
+// provider through a weak reference, so a provider may go while its folders are polled and
+// is never called once its destructor has begun). The order of the virtual members below is
 // part of the binary interface: providers built apart from the library (against its installed
 // headers) call and override them by their slots, and IReadOnlyProvider and
 // IConfigurableProvider append their own members after them. So members are only ever added
 // at the end (doList is the latest), never inserted, removed or reordered.
-class QKFL_STORAGE_EXPORT IProvider {
+class QKFL_STORAGE_EXPORT IProvider : public std::enable_shared_from_this<IProvider> {
 public:
     IProvider();
     IProvider(const IProvider&) = delete;
@@ -222,7 +224,13 @@ public:
     // Polls `folder` every `period` on the provider's polling thread and reports the
     // subscribed kinds to `callback`. The first request's callback and period serve every
     // later request of this provider; a folder already watched keeps its first subscription.
-    // Throws what the first listing throws (ResourceNotFound for a missing folder).
+    // Polls are guarded (PollGuard): no exception escapes one, a poll that cannot read the
+    // folder or a subfolder publishes nothing and is tried again next period, and only a
+    // folder that is gone (ResourceNotFound) is reported as FolderVanished; an exception the
+    // callback throws is dropped. The provider may be released, also from inside the
+    // callback, while its folders are polled. Requires: the provider is owned by a
+    // std::shared_ptr (else std::logic_error). Throws what the first listing throws
+    // (ResourceNotFound for a missing folder).
     void startChangePollingMechanism(const StorageIRI& folder, const ChangeEventCallback& callback,
                                      const std::vector<events::Kind>& kinds, std::chrono::milliseconds period,
                                      RecursiveChangePolling recursive) const {
@@ -323,9 +331,9 @@ protected:
     // InvalidLocation when it is not a folder, the store's own code when it cannot be read.
     virtual std::unique_ptr<IFolderEntryIterator> doList(const StorageIRI& folder, ListingRequest request) const;
 
-    // Stops change polling and joins the polling thread; polling may start again afterwards.
-    // The polling thread calls this provider's virtual members, so a provider that can be
-    // polled calls this first in its own destructor, before its members go. Never throws.
+    // Stops change polling of every folder and ends the polling thread (joined, unless this
+    // runs on it); polling may start again afterwards. Never throws. A destructor need not
+    // call it: polls never call a provider whose destructor has begun.
     void endChangePolling() const noexcept;
 
 private:

@@ -24,14 +24,19 @@ namespace foundation::storage::provider {
 //
 // An exception that escapes a poll (anything but a missing folder, which is reported as
 // FolderVanished) ends the process through std::terminate: getters and callbacks must not
-// let exceptions escape.
+// let exceptions escape (PollGuard makes getters that do not).
+//
+// The detector may be destroyed by its own thread, from a getter or callback that releases
+// the last owner of what holds it: the thread then finishes its pass and ends by itself,
+// publishing nothing more and keeping what it polls alive until then.
 class QKFL_STORAGE_EXPORT PollingChangeEventsDetector {
 public:
     // Starts the polling thread. Throws std::system_error "thread constructor failed".
     PollingChangeEventsDetector(ChangeEventCallback callback, std::chrono::milliseconds period);
     PollingChangeEventsDetector(const PollingChangeEventsDetector&) = delete;
     PollingChangeEventsDetector& operator=(const PollingChangeEventsDetector&) = delete;
-    // Wakes the thread at once and joins it.
+    // Wakes the thread at once and joins it; on the polling thread itself, lets it end after
+    // the current pass instead.
     ~PollingChangeEventsDetector();
 
     // Launches the polling thread, as the constructor does; does nothing while it runs.
@@ -51,17 +56,26 @@ public:
     // Sets the shutdown flag without waking the thread: it stops when its current wait ends.
     void triggerShutdown();
     bool isShutdown() const;
+    // The callback every folder's events go to.
+    const ChangeEventCallback& callback() const noexcept;
 
 private:
-    void run();
+    // What the polling thread uses, shared with it so that it outlives a detector destroyed
+    // during a pass.
+    struct State {
+        ChangeEventCallback callback;
+        std::chrono::milliseconds period;
+        std::map<StorageIRI, std::unique_ptr<SingleFolderChangePoller>> pollers;
+        mutable std::mutex mutex;
+        bool shutdown = false;
+        bool inPass = false;  // touched by the polling thread only
+        std::condition_variable wakeup;
+    };
+    static void run(const std::shared_ptr<State>& state);
+    static void awaitTimeout(State& state);
 
-    ChangeEventCallback callback_;
-    std::chrono::milliseconds period_;
-    std::map<StorageIRI, std::unique_ptr<SingleFolderChangePoller>> pollers_;
-    mutable std::mutex mutex_;
+    std::shared_ptr<State> state_;
     std::thread thread_;
-    bool shutdown_ = false;
-    std::condition_variable wakeup_;
 };
 
 }  // namespace foundation::storage::provider

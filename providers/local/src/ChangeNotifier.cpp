@@ -18,6 +18,7 @@
 #include "Native.h"
 #include "fl/i18n/convert.h"
 #include "storage/provider/Exception.h"
+#include "storage/provider/TransactionalStream.h"
 
 namespace foundation::storage::provider::local::detail {
 
@@ -33,11 +34,13 @@ bool subscribed(const std::vector<Kind>& kinds, Kind kind) {
     return std::find(kinds.begin(), kinds.end(), kind) != kinds.end();
 }
 
+// Publishes when `kind` is subscribed, or always with `details` (an overflow's notice).
 void publish(const ChangeEventCallback& callback, const std::vector<Kind>& kinds, Kind kind,
-             const StorageIRI& folder, const StorageIRI& entry, EntryType type) {
-    if (!subscribed(kinds, kind)) return;
+             const StorageIRI& folder, const StorageIRI& entry, EntryType type,
+             const boost::property_tree::ptree* details = nullptr) {
+    if (details == nullptr && !subscribed(kinds, kind)) return;
     try {
-        callback(kind, folder, entry, type, boost::property_tree::ptree());
+        callback(kind, folder, entry, type, details != nullptr ? *details : boost::property_tree::ptree());
     } catch (...) {
         // A callback must not throw; the notification thread goes on with the next event.
     }
@@ -69,28 +72,38 @@ ChangeNotifier::ChangeNotifier() {
         ::close(inotify_);
         throw std::system_error(error, std::generic_category(), "eventfd");
     }
-    try {
-        thread_ = std::thread([this] { run(); });
-    } catch (...) {
-        ::close(wake_);
-        ::close(inotify_);
-        throw;
-    }
+}
+
+std::shared_ptr<ChangeNotifier> ChangeNotifier::create() {
+    std::shared_ptr<ChangeNotifier> notifier(new ChangeNotifier);
+    // The thread holds the notifier, so that a shutdown from one of its own callbacks (the
+    // provider released there) leaves it whole until the thread has finished with it.
+    notifier->thread_ = std::thread([self = notifier] { self->run(); });
+    return notifier;
 }
 
 ChangeNotifier::~ChangeNotifier() {
+    ::close(wake_);
+    ::close(inotify_);
+}
+
+void ChangeNotifier::shutdown() {
+    stopping_ = true;
     const std::uint64_t one = 1;
     while (::write(wake_, &one, sizeof one) < 0 && errno == EINTR) {
     }
-    thread_.join();
-    ::close(wake_);
-    ::close(inotify_);
+    if (!thread_.joinable()) return;
+    if (thread_.get_id() == std::this_thread::get_id()) {
+        thread_.detach();  // from a callback: the thread ends when it returns
+    } else {
+        thread_.join();
+    }
 }
 
 ChangeNotifier::Subscription& ChangeNotifier::subscriptionFor(const StorageIRI& folder, const std::string& path) {
     auto it = subscriptions_.find(folder);
     if (it != subscriptions_.end()) return *it->second;
-    auto subscription = std::make_unique<Subscription>(Subscription{folder, path, {}, {}, {}, -1, false});
+    auto subscription = std::make_unique<Subscription>(Subscription{folder, path, {}, {}, {}, {}, -1, false});
     if (const int error = addWatch(*subscription, std::string())) {
         switch (error) {
         case ENOENT:
@@ -124,7 +137,8 @@ int ChangeNotifier::addWatch(Subscription& subscription, const std::string& rela
     return 0;
 }
 
-void ChangeNotifier::addTree(Subscription& subscription, const std::string& relative, Batch* batch) {
+void ChangeNotifier::addTree(Subscription& subscription, const std::string& relative, bool recursive,
+                             Batch* batch) {
     std::vector<std::string> pending{relative};
     while (!pending.empty()) {
         const std::string folder = std::move(pending.back());
@@ -136,7 +150,9 @@ void ChangeNotifier::addTree(Subscription& subscription, const std::string& rela
         while (const dirent* entry = ::readdir(dir)) {
             const char* name = entry->d_name;
             if (isDotOrDotDot(name)) continue;
+            if (isScratchName(std::string_view(name))) continue;
             const std::string child = join(folder, name);
+            subscription.entries.insert(child);
             struct stat st {};
             if (::fstatat(::dirfd(dir), name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
             bool isFolder = S_ISDIR(st.st_mode);
@@ -149,7 +165,7 @@ void ChangeNotifier::addTree(Subscription& subscription, const std::string& rela
                         subscription.folder, StorageIRI(subscription.folder, fl::i18n::to_ustring(child)),
                         isFolder ? EntryType::Folder : EntryType::File);
             }
-            if (S_ISDIR(st.st_mode)) pending.push_back(child);
+            if (recursive && S_ISDIR(st.st_mode)) pending.push_back(child);
         }
         ::closedir(dir);
     }
@@ -176,6 +192,12 @@ void ChangeNotifier::dropTree(Subscription& subscription, const std::string& rel
         }
     }
     for (int watch : dropped) dropWatch(subscription, watch);
+    for (auto it = subscription.entries.begin(); it != subscription.entries.end();) {
+        const std::string& entry = *it;
+        const bool below = entry.size() > relative.size() && entry.compare(0, relative.size(), relative) == 0 &&
+                           entry[relative.size()] == '/';
+        it = below ? subscription.entries.erase(it) : std::next(it);
+    }
 }
 
 void ChangeNotifier::remove(std::map<StorageIRI, std::unique_ptr<Subscription>>::iterator it) {
@@ -193,7 +215,7 @@ void ChangeNotifier::watchFolder(const StorageIRI& folder, const std::string& pa
     Subscription& subscription = subscriptionFor(folder, path);
     if (subscription.folderWatch) return;
     subscription.folderWatch = std::make_unique<FolderWatch>(FolderWatch{callback, kinds, recursive});
-    if (recursive) addTree(subscription, std::string(), nullptr);
+    addTree(subscription, std::string(), recursive, nullptr);
 }
 
 void ChangeNotifier::watchFile(const StorageIRI& file, const StorageIRI& folder, const std::string& folderPath,
@@ -201,7 +223,9 @@ void ChangeNotifier::watchFile(const StorageIRI& file, const StorageIRI& folder,
                                const std::vector<Kind>& kinds) {
     std::lock_guard lock(mutex_);
     Subscription& subscription = subscriptionFor(folder, folderPath);
-    subscription.files.try_emplace(name, FileWatch{file, callback, kinds});
+    struct stat st {};
+    const bool exists = ::lstat(join(folderPath, name).c_str(), &st) == 0;
+    subscription.files.try_emplace(name, FileWatch{file, callback, kinds, exists});
 }
 
 void ChangeNotifier::stop(const StorageIRI& folder) {
@@ -214,16 +238,21 @@ void ChangeNotifier::run() {
     // Large enough for many events; aligned for inotify_event.
     alignas(inotify_event) static thread_local char buffer[64 * 1024];
     pollfd fds[2] = {{inotify_, POLLIN, 0}, {wake_, POLLIN, 0}};
-    for (;;) {
+    while (!stopping_) {
         if (::poll(fds, 2, -1) < 0) {
             if (errno == EINTR) continue;
             return;
         }
         if (fds[1].revents != 0) return;
         if ((fds[0].revents & POLLIN) == 0) continue;
-        for (;;) {
+        while (!stopping_) {
             const ssize_t n = ::read(inotify_, buffer, sizeof buffer);
             if (n <= 0) break;  // EAGAIN: drained
+            if (loseNextRead_.exchange(false)) {
+                std::lock_guard lock(mutex_);
+                overflow();
+                continue;
+            }
             process(buffer, static_cast<std::size_t>(n));
         }
     }
@@ -232,20 +261,14 @@ void ChangeNotifier::run() {
 void ChangeNotifier::process(const char* buffer, std::size_t size) {
     std::lock_guard lock(mutex_);
     Batch batch;
-    for (std::size_t offset = 0; offset < size;) {
+    for (std::size_t offset = 0; offset < size && !stopping_;) {
         inotify_event event{};
         std::memcpy(&event, buffer + offset, sizeof event);
         const char* name = event.len > 0 ? buffer + offset + sizeof event : "";
         offset += sizeof event + event.len;
 
         if (event.mask & IN_Q_OVERFLOW) {
-            // Events were lost: every watched folder may have changed.
-            for (auto& [folder, subscription] : subscriptions_) {
-                if (subscription->folderWatch && batch.once(subscription.get(), Kind::FolderChanged, "")) {
-                    publish(subscription->folderWatch->callback, subscription->folderWatch->kinds,
-                            Kind::FolderChanged, folder, folder, EntryType::Folder);
-                }
-            }
+            overflow();
             continue;
         }
         auto users = watches_.find(event.wd);
@@ -272,6 +295,26 @@ void ChangeNotifier::process(const char* buffer, std::size_t size) {
         auto next = std::next(it);
         if (it->second->ended) remove(it);
         it = next;
+    }
+}
+
+void ChangeNotifier::overflow() {
+    boost::property_tree::ptree lost;
+    lost.put("eventsLost", "true");
+    for (auto& [folder, subscription] : subscriptions_) {
+        if (stopping_) return;
+        if (subscription->ended) continue;
+        if (const FolderWatch* watch = subscription->folderWatch.get()) {
+            publish(watch->callback, watch->kinds, Kind::FolderChanged, folder, folder, EntryType::Folder, &lost);
+            // Folders created meanwhile are watched from now on.
+            subscription->entries.clear();
+            addTree(*subscription, std::string(), watch->recursive, nullptr);
+        }
+        for (auto& [name, watch] : subscription->files) {
+            struct stat st {};
+            watch.exists = ::lstat(join(subscription->path, name).c_str(), &st) == 0;
+            publish(watch.callback, watch.kinds, Kind::EntryModified, folder, watch.file, EntryType::File, &lost);
+        }
     }
 }
 
@@ -306,9 +349,10 @@ void ChangeNotifier::handle(Subscription& subscription, const std::string& relat
         }
         return;
     }
+    if (isScratchName(std::string_view(name))) return;  // the library's own transactional writes
     const std::string entryPath = join(relative, name);
     const EntryType type = (mask & IN_ISDIR) ? EntryType::Folder : EntryType::File;
-    const FileWatch* fileWatch = nullptr;
+    FileWatch* fileWatch = nullptr;
     if (atRoot) {
         auto it = subscription.files.find(name);
         if (it != subscription.files.end()) fileWatch = &it->second;
@@ -331,21 +375,33 @@ void ChangeNotifier::handle(Subscription& subscription, const std::string& relat
     };
 
     if (mask & (IN_CREATE | IN_MOVED_TO)) {
+        // A move onto an existing name replaces it (an atomic replace): modified, as a poll
+        // sees the name again with a new time.
         if (folderLevel) {
+            const bool replaced = !subscription.entries.insert(entryPath).second && (mask & IN_MOVED_TO);
             folderTimeChanged();
-            publish(folderWatch->callback, folderWatch->kinds, Kind::EntryAdded, subscription.folder, entry, type);
-            if (type == EntryType::Folder && folderWatch->recursive) addTree(subscription, entryPath, &batch);
+            publish(folderWatch->callback, folderWatch->kinds, replaced ? Kind::EntryModified : Kind::EntryAdded,
+                    subscription.folder, entry, type);
+            if (type == EntryType::Folder && folderWatch->recursive) {
+                if (replaced) dropTree(subscription, entryPath);
+                addTree(subscription, entryPath, true, &batch);
+            }
         }
         if (fileWatch != nullptr) {
-            publish(fileWatch->callback, fileWatch->kinds, Kind::EntryAdded, subscription.folder, fileWatch->file, type);
+            const bool replaced = fileWatch->exists && (mask & IN_MOVED_TO);
+            fileWatch->exists = true;
+            publish(fileWatch->callback, fileWatch->kinds, replaced ? Kind::EntryModified : Kind::EntryAdded,
+                    subscription.folder, fileWatch->file, type);
         }
     } else if (mask & (IN_DELETE | IN_MOVED_FROM)) {
         if (folderLevel) {
+            subscription.entries.erase(entryPath);
             folderTimeChanged();
             publish(folderWatch->callback, folderWatch->kinds, Kind::EntryRemoved, subscription.folder, entry, type);
             if (type == EntryType::Folder && folderWatch->recursive) dropTree(subscription, entryPath);
         }
         if (fileWatch != nullptr) {
+            fileWatch->exists = false;
             publish(fileWatch->callback, fileWatch->kinds, Kind::EntryRemoved, subscription.folder, fileWatch->file,
                     type);
         }

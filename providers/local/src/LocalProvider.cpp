@@ -8,7 +8,6 @@
 #include <atomic>
 #include <cerrno>
 #include <system_error>
-#include <thread>
 
 #include "ChangeNotifier.h"
 #include "FileOperations.h"
@@ -18,7 +17,6 @@
 #include "WrittenFileSystems.h"
 #include "fl/i18n/convert.h"
 #include "storage/provider/PathConversions.h"
-#include "storage/provider/PollingChangeEventsDetector.h"
 #include "storage/provider/TransactionalStream.h"
 
 namespace foundation::storage::provider::local {
@@ -36,68 +34,12 @@ bool statOrAbsent(const std::string& path, const StorageIRI& location, struct st
 }
 
 
-// --- Change polling that never ends the process ---------------------------------------
-
-// Whether a getter runs in a poll (on the detector's thread) rather than for the first
-// snapshot, which startChangePollingMechanism takes on its caller's thread and whose
-// failures reach that caller.
-class PollingThread {
-public:
-    PollingThread() : starter_(std::this_thread::get_id()) {}
-    bool current() const { return std::this_thread::get_id() != starter_; }
-
-private:
-    std::thread::id starter_;
-};
-
-// What a failed poll of the watched folder reports: ResourceNotFound, so that the poller
-// publishes FolderVanished (or, without it, tries again next period).
-[[noreturn]] void throwAsVanished(const StorageIRI& folder) {
-    try {
-        throw;
-    } catch (const Exception& e) {
-        if (e.getErrorCode() == ErrorCode::ResourceNotFound) throw;
-    } catch (...) {
-    }
-    throw Exception(ErrorCode::ResourceNotFound, folder);
-}
-
-// Passes a listing through; in a poll, any failure is reported as the folder's disappearance.
-class GuardedListing final : public IFolderEntryIterator {
-public:
-    GuardedListing(std::unique_ptr<IFolderEntryIterator> listing, StorageIRI folder, PollingThread polling)
-        : listing_(std::move(listing)), folder_(std::move(folder)), polling_(polling) {}
-
-    FolderEntry get() const override { return guard([&] { return listing_->get(); }); }
-    bool hasNext() override { return guard([&] { return listing_->hasNext(); }); }
-    void next() override { guard([&] { listing_->next(); }); }
-    std::optional<std::size_t> remainingHint() const override { return listing_->remainingHint(); }
-
-private:
-    template <class Call>
-    auto guard(Call&& call) const -> decltype(call()) {
-        try {
-            return call();
-        } catch (...) {
-            if (!polling_.current()) throw;
-            throwAsVanished(folder_);
-        }
-    }
-
-    std::unique_ptr<IFolderEntryIterator> listing_;
-    StorageIRI folder_;
-    PollingThread polling_;
-};
-
 }  // namespace
 
 LocalProvider::LocalProvider() : written_(std::make_unique<WrittenFileSystems>()) {}
 
 LocalProvider::~LocalProvider() {
-    // Threads first: they call into this provider.
-    endChangePolling();
-    detector_.reset();
-    notifier_.reset();
+    if (notifier_) notifier_->shutdown();
 }
 
 // --- Existence and attributes -----------------------------------------------------------
@@ -303,7 +245,7 @@ std::unique_ptr<IFolderEntryIterator> LocalProvider::doList(const StorageIRI& fo
 
 ChangeNotifier& LocalProvider::notifier() const {
     // Requires: notifierMutex_ held.
-    if (!notifier_) notifier_ = std::make_unique<ChangeNotifier>();
+    if (!notifier_) notifier_ = ChangeNotifier::create();
     return *notifier_;
 }
 
@@ -336,68 +278,16 @@ void LocalProvider::doStopPublishingEventsFor(const StorageIRI& folder) const {
     if (notifier_) notifier_->stop(folder);
 }
 
-void LocalProvider::doStartChangePollingMechanism(const StorageIRI& folder, const ChangeEventCallback& callback,
-                                                  const std::vector<events::Kind>& kinds,
-                                                  std::chrono::milliseconds period,
-                                                  RecursiveChangePolling recursive) const {
-    nativePath(folder);  // InvalidLocation before anything starts
-    std::lock_guard lock(pollingMutex_);
-    if (!detector_) detector_ = std::make_unique<PollingChangeEventsDetector>(callback, period);
-    const PollingThread polling;
-    // The provider owns the detector, whose thread ends before the provider's members go.
-    auto listEntries = [this, folder, recursive, polling](StorageIRI location) -> std::unique_ptr<IFolderEntryIterator> {
-        try {
-            auto listing = recursive == RecursiveChangePolling::NonRecursive ? doListAll(location)
-                                                                               : doListAllRecursive(location);
-            return std::make_unique<GuardedListing>(std::move(listing), folder, polling);
-        } catch (...) {
-            if (!polling.current()) throw;
-            throwAsVanished(folder);
-        }
-    };
-    // An entry's attributes are only asked for when its listing lacked them; an entry that
-    // cannot be read is recorded without a time rather than taken for the folder's loss.
-    auto fileAttributes = [this](StorageIRI location) {
-        try {
-            return doGetFileAttributes(location);
-        } catch (...) {
-            return FileAttributes(std::nullopt, boost::posix_time::ptime(), false);
-        }
-    };
-    auto folderAttributes = [this, folder, polling](StorageIRI location) {
-        try {
-            return doGetFolderAttributes(location);
-        } catch (...) {
-            if (location == folder) {
-                if (!polling.current()) throw;
-                throwAsVanished(folder);
-            }
-            return FolderAttributes(boost::posix_time::ptime(), false);
-        }
-    };
-    detector_->addFolderLocation(folder, std::move(listEntries), std::move(fileAttributes),
-                                 std::move(folderAttributes), kinds, recursive);
-}
-
-void LocalProvider::doStopChangePollingMechanism(const StorageIRI& folder) const {
-    std::lock_guard lock(pollingMutex_);
-    if (detector_) detector_->removeFolderAtLocation(folder);
-}
-
 // --- Extensions and lifecycle ------------------------------------------------------------
 
 void LocalProvider::doShutdown() {
-    std::unique_ptr<PollingChangeEventsDetector> detector;
-    std::unique_ptr<ChangeNotifier> notifier;
-    {
-        std::lock_guard lock(pollingMutex_);
-        detector = std::move(detector_);
-    }
+    endChangePolling();
+    std::shared_ptr<ChangeNotifier> notifier;
     {
         std::lock_guard lock(notifierMutex_);
         notifier = std::move(notifier_);
     }
-    // Joined here, outside the locks.
+    if (notifier) notifier->shutdown();  // outside the lock: it waits for a callback in progress
 }
 
 void LocalProvider::doFlushFilesystem() {

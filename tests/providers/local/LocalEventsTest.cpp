@@ -1,5 +1,7 @@
 #include "storage/provider/local/LocalProvider.h"
 
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -7,6 +9,8 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <future>
+#include <mutex>
 #include <memory>
 #include <string>
 #include <thread>
@@ -15,7 +19,9 @@
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <gtest/gtest.h>
 
+#include "ChangeNotifier.h"
 #include "LocalTestSupport.h"
+#include "support/FakeFolder.h"
 
 namespace foundation::storage::provider::local {
 namespace {
@@ -173,6 +179,96 @@ TEST_F(LocalEventsTest, PublishesOneFilesChangesUntilStopped) {
     provider_->stopPublishingFolderEventsFor(at("never-watched"));
 }
 
+// After events were lost every subscription hears of it, whatever kinds it asked for, and a
+// recursive one watches the folders created meanwhile.
+TEST_F(LocalEventsTest, AfterAnOverflowEverySubscriptionHearsAndNewFoldersAreWatched) {
+    makeFolder("gate");
+    makeFolder("w");
+    auto notifier = detail::ChangeNotifier::create();
+    std::promise<void> entered;
+    std::promise<void> open;
+    std::once_flag once;
+    notifier->watchFolder(
+        at("gate"), path("gate"),
+        [&, opened = open.get_future().share()](auto&&...) {
+            std::call_once(once, [&] {
+                entered.set_value();
+                opened.wait();
+            });
+        },
+        {Kind::EntryAdded}, false);
+    EventLog& log = newLog(path("w"));
+    notifier->watchFolder(at("w"), path("w"), log.callback(), {Kind::EntryAdded}, true);
+    notifier->watchFile(at("w/f"), at("w"), path("w"), "f", log.callback(), {Kind::EntryRemoved});
+
+    writeFile(path("gate/x"), "x");
+    entered.get_future().wait();  // the notification thread waits in the gate's callback
+    makeFolder("w/n");
+    makeFolder("w/n/m");
+    notifier->loseNextRead();  // the creations above
+    open.set_value();
+    EXPECT_TRUE(log.waitFor("FolderChanged . folder eventsLost"));
+    EXPECT_TRUE(log.waitFor("EntryModified f file eventsLost"));
+    writeFile(path("w/n/m/g"), "g");
+    EXPECT_TRUE(log.waitFor("EntryAdded n/m/g file"));
+    notifier->shutdown();
+}
+
+// The provider may go inside its own callback on the notification thread, or on another
+// thread while a callback holds it: the thread neither joins itself nor deadlocks.
+TEST_F(LocalEventsTest, ProviderMayGoFromItsNativeCallback) {
+    for (const bool inside : {true, false}) {
+        const std::string folder = inside ? "inside" : "holding";
+        makeFolder(folder);
+        auto owner = std::make_shared<LocalProvider>();
+        const std::weak_ptr<LocalProvider> weak = owner;
+        struct Slot {
+            std::mutex mutex;
+            std::shared_ptr<IProvider> last;
+        };
+        auto slot = std::make_shared<Slot>();
+        auto holding = std::make_shared<std::promise<void>>();
+        auto held = holding->get_future();
+        std::promise<void> released;
+        auto token = std::make_shared<int>(0);  // alive while any copy of the callback is
+        const std::weak_ptr<int> callbackAlive = token;
+        owner->publishFolderEventsFor(
+            at(folder),
+            [inside, slot, holding, weak, token, go = released.get_future().share(),
+             once = std::make_shared<std::once_flag>()](auto&&...) {
+                if (inside) {
+                    std::shared_ptr<IProvider> last;
+                    std::lock_guard lock(slot->mutex);
+                    last.swap(slot->last);
+                } else {
+                    std::call_once(*once, [&] {
+                        if (const auto provider = weak.lock()) {
+                            holding->set_value();
+                            go.wait();
+                        }
+                    });
+                }
+            },
+            {Kind::EntryAdded}, RecursiveFileWatching::NonRecursive);
+        token.reset();
+        if (inside) {
+            {
+                std::lock_guard lock(slot->mutex);
+                slot->last = std::move(owner);
+            }
+            writeFile(path(folder + "/x"), "x");
+        } else {
+            writeFile(path(folder + "/x"), "x");
+            ASSERT_EQ(held.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+            owner.reset();
+            released.set_value();
+        }
+        EXPECT_TRUE(fake::eventually([&] { return weak.expired() && callbackAlive.expired(); },
+                                     std::chrono::seconds(60)))
+            << folder;
+    }
+}
+
 TEST_F(LocalEventsTest, RefusesToWatchWhatIsNotAFolder) {
     writeFile(path("file"), "f");
     auto codeOf = [](const std::function<void()>& action) {
@@ -228,46 +324,48 @@ TEST_F(LocalEventsTest, PollsRealFolders) {
     provider_->stopChangePollingMechanism(at("deep"));
 }
 
-TEST_F(LocalEventsTest, PollingSurvivesAFolderMadeUnreadable) {
+// A folder that cannot be read (EACCES), or read at all for want of a descriptor (EMFILE), is
+// skipped and polled again, never reported as vanished: only a folder that is gone is.
+TEST_F(LocalEventsTest, PollingSkipsWhatItCannotReadUntilItCan) {
     if (auto reason = test::permissionsIgnored()) GTEST_SKIP() << *reason;
-    makeFolder("vanishing");
-    makeFolder("blinking");
-    makeFolder("heartbeat");
-    writeFile(path("blinking/inside"), "i");
+    makeFolder("locked");
+    makeFolder("beat");
+    writeFile(path("locked/inside"), "i");
     EventLog& log = newLog(folder_.path());
     const auto period = std::chrono::milliseconds(5);
-    const std::vector<Kind> noVanishing{Kind::EntryAdded, Kind::EntryModified, Kind::EntryRemoved};
-    provider_->startChangePollingMechanism(at("heartbeat"), log.callback(), noVanishing, period,
-                                           RecursiveChangePolling::NonRecursive);
-    provider_->startChangePollingMechanism(at("vanishing"), log.callback(), kAll, period,
-                                           RecursiveChangePolling::NonRecursive);
-    provider_->startChangePollingMechanism(at("blinking"), log.callback(), noVanishing, period,
+    provider_->startChangePollingMechanism(at("locked"), log.callback(), kAll, period,
                                            RecursiveChangePolling::Recursive);
-
-    // Unreadable while polled: reported as vanished, the process goes on.
-    ASSERT_EQ(::chmod(path("vanishing").c_str(), 0), 0);
-    ASSERT_EQ(::chmod(path("blinking").c_str(), 0), 0);
-    EXPECT_TRUE(log.waitFor("FolderVanished vanishing folder"));
-    // Without FolderVanished the folder is skipped while it cannot be read: two passes
-    // complete in the meantime...
-    writeFile(path("heartbeat/1"), "1");
-    ASSERT_TRUE(log.waitFor("EntryAdded heartbeat/1 file"));
-    writeFile(path("heartbeat/2"), "2");
-    ASSERT_TRUE(log.waitFor("EntryAdded heartbeat/2 file"));
-    EXPECT_FALSE(mentions(log.lines(), "blinking"));
-    // ...and watched again once it can.
-    ASSERT_EQ(::chmod(path("blinking").c_str(), 0755), 0);
-    writeFile(path("blinking/back"), "b");
-    EXPECT_TRUE(log.waitFor("EntryAdded blinking/back file"));
-    EXPECT_FALSE(mentions(log.lines(), "EntryRemoved blinking/inside"));
-
-    // A vanished folder is polled again after a new start.
-    ASSERT_EQ(::chmod(path("vanishing").c_str(), 0755), 0);
-    provider_->stopChangePollingMechanism(at("vanishing"));
-    provider_->startChangePollingMechanism(at("vanishing"), log.callback(), kAll, period,
+    // Polled by stat(2) alone, which needs no descriptor: each FolderChanged proves a pass.
+    provider_->startChangePollingMechanism(at("beat"), log.callback(), {Kind::FolderChanged}, period,
                                            RecursiveChangePolling::NonRecursive);
-    writeFile(path("vanishing/again"), "a");
-    EXPECT_TRUE(log.waitFor("EntryAdded vanishing/again file"));
+    int beats = 0;
+    auto twoPasses = [&] {
+        for (int i = 0; i < 2; ++i) {
+            const struct timespec times[2] = {{0, UTIME_OMIT}, {1000000000 + ++beats, 0}};
+            ASSERT_EQ(::utimensat(AT_FDCWD, path("beat").c_str(), times, 0), 0);
+            ASSERT_TRUE(log.waitUntil([&](const std::vector<std::string>& lines) {
+                return std::count(lines.begin(), lines.end(), "FolderChanged beat folder") == beats;
+            }));
+        }
+    };
+
+    ASSERT_EQ(::chmod(path("locked").c_str(), 0), 0);
+    twoPasses();
+    ASSERT_EQ(::chmod(path("locked").c_str(), 0755), 0);
+    struct rlimit limit {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const int lowestFree = ::dup(0);
+    ::close(lowestFree);
+    const struct rlimit none {static_cast<rlim_t>(lowestFree), limit.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    twoPasses();
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_FALSE(mentions(log.lines(), "locked")) << "nothing changed in it";
+
+    writeFile(path("locked/back"), "b");
+    EXPECT_TRUE(log.waitFor("EntryAdded locked/back file"));
+    EXPECT_FALSE(mentions(log.lines(), "Removed"));
+    EXPECT_FALSE(mentions(log.lines(), "Vanished"));
 }
 
 TEST_F(LocalEventsTest, PollingSurvivesEntriesVanishingWhileListed) {

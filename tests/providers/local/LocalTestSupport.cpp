@@ -191,13 +191,14 @@ std::optional<std::string> remountReadOnly(const std::string& path) {
 
 ChangeEventCallback EventLog::callback() {
     return [this](const events::Kind& kind, const StorageIRI& /*folder*/, const StorageIRI& entry,
-                  const events::EntryType& type, boost::property_tree::ptree) {
+                  const events::EntryType& type, boost::property_tree::ptree details) {
         const std::string path = fl::i18n::to_string(entry.getPath());
         std::string relative = path == root_ ? "." : path.substr(std::min(path.size(), root_.size() + 1));
         std::ostringstream line;
         line << kind << ' ' << relative << ' ' << (type == events::EntryType::File ? "file" : "folder");
         std::string text = line.str();
         text.erase(0, text.find("::") + 2);  // "Kind::EntryAdded a file" -> "EntryAdded a file"
+        if (details.get<std::string>("eventsLost", "") == "true") text += " eventsLost";
         std::lock_guard lock(mutex_);
         lines_.push_back(std::move(text));
         changed_.notify_all();

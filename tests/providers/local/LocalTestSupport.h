@@ -59,7 +59,8 @@ int withDescriptorLimit(unsigned limit, const std::function<void()>& action);
 std::optional<std::string> remountReadOnly(const std::string& path);
 
 // Collects change events from a background thread as lines "EntryAdded sub/a.txt file": the
-// kind, the path relative to `root` ('.' for the root itself) and the entry type.
+// kind, the path relative to `root` ('.' for the root itself) and the entry type, followed by
+// " eventsLost" for the notice of an overflow.
 class EventLog {
 public:
     explicit EventLog(std::string root) : root_(std::move(root)) {}

@@ -45,21 +45,5 @@ TEST(MemoryPolling, ReportsEachChangeOfAWatchedFolder) {
     EXPECT_EQ(events.waitFor(1), Events{"FolderVanished /w folder"});
 }
 
-// The polling thread calls the provider's own members: dropping the provider while folders
-// are polled back to back must end polling before those members go (sanitizer builds see a
-// use after destruction otherwise).
-TEST(MemoryPolling, ProviderMayGoWhileFoldersArePolled) {
-    for (int round = 0; round < 20; ++round) {
-        fake::Recorder events(mem(u"/w"));
-        auto provider = makeMemoryProvider();
-        provider->createFolder(mem(u"/w"));
-        provider->startChangePollingMechanism(mem(u"/w"), events.callback(), {Kind::EntryAdded, Kind::EntryModified},
-                                              std::chrono::milliseconds(0), RecursiveChangePolling::NonRecursive);
-        provider->createFile(mem(u"/w/a"));
-        EXPECT_EQ(events.waitFor(1), Events{"EntryAdded /w/a file"});
-        provider.reset();
-    }
-}
-
 }  // namespace
 }  // namespace foundation::storage::provider::memory

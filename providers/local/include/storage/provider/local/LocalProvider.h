@@ -10,10 +10,6 @@
 #include "storage/provider/IProvider.h"
 #include "storage/provider/ProviderFactory.h"
 
-namespace foundation::storage::provider {
-class PollingChangeEventsDetector;
-}
-
 namespace foundation::storage::provider::local {
 
 namespace detail {
@@ -127,7 +123,7 @@ class WrittenFileSystems;
 // Change events, natively (publishFolderEventsFor, publishFileEventsFor) on inotify(7), with
 // the polling vocabulary: a creation or move into the folder is EntryAdded, a removal or move
 // out is EntryRemoved (a rename inside shows as both), a write or attribute change is
-// EntryModified, and the folder's own time change (any entry added or removed, or its own
+// EntryModified, as is a move onto an existing entry (an atomic replace), and the folder's own time change (any entry added or removed, or its own
 // attributes) is FolderChanged, published before the entry event; within one batch of
 // notifications FolderChanged and EntryModified are published once per entry. When the
 // watched folder is deleted or moved away, FolderVanished, and the subscription ends.
@@ -139,17 +135,19 @@ class WrittenFileSystems;
 // first subscription; a second file of the same folder joins it. Callbacks run on the
 // provider's notification thread one at a time, with its lock held: a callback must not
 // publish or stop publishing on the same provider, and an exception it throws is dropped.
-// After stopPublishing...For returns no callback of that subscription runs. Missing or
-// non-folder locations throw as listings do; when the notification mechanism itself fails
-// (instance or watch limits), ChangeEventsSubscriptionException. If the kernel's queue
-// overflows, FolderChanged is published for every watched folder.
+// After stopPublishing...For returns no callback of that subscription runs. The provider may
+// be released from inside a callback. Missing or non-folder locations throw as listings do;
+// when the notification mechanism itself fails (instance or watch limits),
+// ChangeEventsSubscriptionException. Scratch files of transactional writes ('.<uuid>.tmp.bak')
+// are never reported. If the kernel's queue overflows, events were lost: every subscription
+// then gets one event whose details hold "eventsLost" = "true", whatever kinds it asked for
+// (FolderChanged of the folder for a folder subscription, EntryModified of the file for a
+// file subscription), and recursive subscriptions watch the folders created meanwhile.
 //
-// Change polling: the library's poller and detector, with getters that keep a poll from
-// ending the process. A poll that cannot read the watched folder (permissions removed, I/O
-// error) treats it as vanished: FolderVanished when subscribed, and the folder is no longer
-// polled (stop and start again to resume); without FolderVanished the poll is skipped and
-// tried again next period. An entry whose attributes cannot be read is recorded without a
-// time. The first snapshot, taken by startChangePollingMechanism, throws as listAll does.
+// Change polling: the library's (see IProvider::startChangePollingMechanism). A poll that
+// cannot read the watched folder or a subfolder (permissions removed, I/O error, no
+// descriptor left) publishes nothing and is tried again next period; only a folder that is
+// gone (ENOENT, ENOTDIR) is reported as vanished.
 //
 // flushFilesystem() calls syncfs(2) on every file system this provider has changed since it
 // was built, through a folder of it that still exists; a file system no longer reachable
@@ -197,10 +195,6 @@ protected:
     void doPublishFileEventsFor(const StorageIRI& file, const ChangeEventCallback& callback,
                                 const std::vector<events::Kind>& kinds) const override;
     void doStopPublishingEventsFor(const StorageIRI& folder) const override;
-    void doStartChangePollingMechanism(const StorageIRI& folder, const ChangeEventCallback& callback,
-                                       const std::vector<events::Kind>& kinds, std::chrono::milliseconds period,
-                                       RecursiveChangePolling recursive) const override;
-    void doStopChangePollingMechanism(const StorageIRI& folder) const override;
     bool doHasFeature(const ExtendedFeature& feature) const override;
     void doShutdown() override;
     ExistenceType doExists(const StorageIRI& location) const override;
@@ -217,11 +211,8 @@ private:
     detail::ChangeNotifier& notifier() const;
 
     std::unique_ptr<detail::WrittenFileSystems> written_;
-    // Declared last: their threads call into the members above and end first.
     mutable std::mutex notifierMutex_;
-    mutable std::unique_ptr<detail::ChangeNotifier> notifier_;
-    mutable std::mutex pollingMutex_;
-    mutable std::unique_ptr<PollingChangeEventsDetector> detector_;
+    mutable std::shared_ptr<detail::ChangeNotifier> notifier_;
 };
 
 // The provider for every 'file' location: one key, 'file:///', for the whole file system.
