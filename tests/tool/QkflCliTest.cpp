@@ -224,6 +224,12 @@ TEST_F(QkflCli, CommandLines) {
         }
     }
     EXPECT_TRUE(scratchFiles().empty());
+
+    // A new file made by a copy gets the source's permission bits (less the umask), as cp's.
+    const auto ownerOnly = fs::perms::owner_read | fs::perms::owner_write;
+    fs::permissions(path("a.txt"), ownerOnly);
+    ASSERT_EQ(qkfl({"cp", "a.txt", "private.txt"}).status, 0);
+    EXPECT_EQ(fs::status(path("private.txt")).permissions() & fs::perms::all, ownerOnly);
 }
 
 TEST_F(QkflCli, InterruptedCopyStopsThroughTheCallback) {

@@ -88,13 +88,20 @@ int copyOne(const StorageItem& source, const StorageItem& target, const CopyOpti
                         options.bytesPerSecond);
     sp::CopyFileOptions copy;
     copy.replacementPolicy = options.policy;
-    copy.transactionPolicy = options.atomic ? sp::TransactionPolicy::Atomic : sp::TransactionPolicy::NonAtomic;
+    // A new file within one provider goes through the provider's own atomic copy: the local
+    // disk's gives it the source's permission bits less the umask, as cp does, where the
+    // streamed copy that an interruptible plain copy takes would create it with default bits.
+    // Interrupted, it leaves no partial file, which is still "as it was".
+    const bool atomic = options.atomic || (source.getProvider() == target.getProvider() &&
+                                           source.hasFeature(sp::ExtendedFeature::NativeAtomicCopy) &&
+                                           !target.fileExists());
+    copy.transactionPolicy = atomic ? sp::TransactionPolicy::Atomic : sp::TransactionPolicy::NonAtomic;
     copy.interruptCallback = [&monitor] { return monitor.next(); };
     const sp::TransactionStatus status = source.copyFile(target, copy);
     monitor.finish();
     if (status == sp::TransactionStatus::Aborted) {
         fmt::print(stderr, "qkfl: {}: {}: interrupted, {}\n", command, text(target.getLocation()),
-                   options.atomic ? "the target is as it was" : "the target holds what was copied so far");
+                   atomic ? "the target is as it was" : "the target holds what was copied so far");
         return kExitInterrupted;
     }
     return kExitOk;
