@@ -103,10 +103,19 @@ StorageIRI::StorageIRI(ustring scheme, fl::filesystem::basic_path path)
 StorageIRI::StorageIRI(const ustring& containerScheme, const StorageIRI& inner, const ustring& path)
     : impl_(detail::ContainerImpl::make(detail::ContainerImpl::compose(containerScheme, inner.impl_, path))) {}
 
-StorageIRI::StorageIRI(const StorageIRI& base, const ustring& relative)
-    : StorageIRI(typeid(*base.impl_) == typeid(detail::HierarchicalImpl)
-                     ? StorageIRI(hierarchicalChild(static_cast<const detail::HierarchicalImpl&>(*base.impl_), relative))
-                     : base.impl_->withPath(childPath(base.getPath(), relative))) {}
+namespace {
+
+StorageIRI childOf(const StorageIRI& base, const ustring& relative) {
+    const detail::StorageIRIImpl& impl = *base.impl();
+    if (typeid(impl) == typeid(detail::HierarchicalImpl)) {
+        return StorageIRI(hierarchicalChild(static_cast<const detail::HierarchicalImpl&>(impl), relative));
+    }
+    return impl.withPath(childPath(base.getPath(), relative));
+}
+
+}  // namespace
+
+StorageIRI::StorageIRI(const StorageIRI& base, const ustring& relative) : StorageIRI(childOf(base, relative)) {}
 
 ustring StorageIRI::getScheme() const { return impl_->getScheme(); }
 bool StorageIRI::hasHost() const { return impl_->hasHost(); }

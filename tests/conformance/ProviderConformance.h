@@ -38,6 +38,7 @@ struct Capabilities {
     bool setWritable = false;       // off: setWritable throws UnsupportedOperation
     bool setLastModified = false;   // off: setLastModified throws UnsupportedOperation
     bool storageInfo = false;       // off: getProviderStorageInfo throws UnsupportedOperation
+    bool wholeSecondTimes = false;  // on: times have whole seconds, so a folder's change may be polled late
 };
 
 // A provider, and an existing, empty folder in it where a test may work.

@@ -469,7 +469,7 @@ TEST_P(ProviderConformance, WriteWatchersAgreeOnEachChange) {
         std::function<void()> act;
         EventLog::Seen expected;
     };
-    const std::vector<Step> script{
+    std::vector<Step> script{
         {"create", [&] { write("w/c", "c"); }, {{K::FolderChanged, at("w")}, {K::EntryAdded, at("w/c")}}},
         {"append", [&] { provider().openStream(at("w/c"), append)->write("+", 1); }, {{K::EntryModified, at("w/c")}}},
         {"rename", [&] { provider().moveFile(at("w/c"), at("w/d"), ReplacementPolicy::Preserve); },
@@ -490,7 +490,12 @@ TEST_P(ProviderConformance, WriteWatchersAgreeOnEachChange) {
         {"move out", [&] { provider().moveFile(at("w/b"), at("out"), ReplacementPolicy::Preserve); },
          {{K::FolderChanged, at("w")}, {K::EntryRemoved, at("w/b")}}},
     };
-    const std::vector<K> kinds{K::FolderChanged, K::EntryAdded, K::EntryModified, K::EntryRemoved};
+    std::vector<K> kinds{K::FolderChanged, K::EntryAdded, K::EntryModified, K::EntryRemoved};
+    if (can().wholeSecondTimes) {
+        // A folder's time may not move within its second; its entries are still compared.
+        kinds.erase(kinds.begin());
+        for (Step& step : script) std::erase_if(step.expected, [](const auto& seen) { return seen.first == K::FolderChanged; });
+    }
     EventLog polled;
     EventLog native;
     provider().startChangePollingMechanism(at("w"), polled.callback(), kinds, std::chrono::milliseconds(5),
@@ -499,6 +504,8 @@ TEST_P(ProviderConformance, WriteWatchersAgreeOnEachChange) {
         provider().publishFolderEventsFor(at("w"), native.callback(), kinds, RecursiveFileWatching::NonRecursive);
     }
     for (const Step& step : script) {
+        // With whole-second times a change is seen only in a later second than the last one.
+        if (can().wholeSecondTimes) std::this_thread::sleep_for(std::chrono::milliseconds(1100));
         step.act();
         EXPECT_EQ(polled.settle(step.expected), step.expected) << "polled: " << step.what;
         if (can().publishing) {

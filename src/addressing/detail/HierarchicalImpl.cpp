@@ -51,6 +51,11 @@ char* writeEscape(char* out, unsigned byte) noexcept {
     return out + 3;
 }
 
+// A lone U+DC80..U+DCFF stands for a byte that was not UTF-8 (fl/i18n/convert.h) and is
+// escaped as that byte, as the IRI library escapes it. A low surrogate here is never the
+// second half of a pair: codePointAt steps over those.
+bool isRawByte(char16_t c) noexcept { return c >= 0xDC80 && c <= 0xDCFF; }
+
 // The code point at path[i] (a non-ASCII code unit), advancing i past a surrogate pair.
 char32_t codePointAt(std::u16string_view path, std::size_t& i) noexcept {
     const char16_t c = path[i];
@@ -71,6 +76,10 @@ std::size_t encodedPathSize(std::u16string_view path) noexcept {
             size += kKeptInPath[c] ? 1 : 3;
             continue;
         }
+        if (isRawByte(c)) {
+            size += 3;
+            continue;
+        }
         const char32_t cp = codePointAt(path, i);
         size += cp < 0x800 ? 6 : cp < 0x10000 ? 9 : 12;
     }
@@ -86,6 +95,10 @@ char* writeEncodedPath(char* out, std::u16string_view path) noexcept {
             } else {
                 out = writeEscape(out, c);
             }
+            continue;
+        }
+        if (isRawByte(c)) {
+            out = writeEscape(out, c - 0xDC00);  // the byte as it was on disk
             continue;
         }
         const char32_t cp = codePointAt(path, i);

@@ -16,6 +16,7 @@ conformance::ProviderCase serverCase(const char* name, test::TestServer::Kind ki
     served.name = name;
     served.capabilities.recursiveListing = true;
     served.capabilities.recursiveRemoval = true;
+    served.capabilities.wholeSecondTimes = true;
     served.makeEmptyProvider = [kind] {
         static std::atomic<int> count{0};
         test::TestServer& server = test::TestServer::shared(kind);

@@ -124,9 +124,13 @@ TEST(ZipNestingLimit, RefusesArchivesNestedTooDeep) {
     };
     const StorageItem deepest = entry(kMaxContainerNesting, u"/a.zip");
     EXPECT_TRUE(deepest.fileExists());
-    const StorageItem tooDeep = entry(kMaxContainerNesting + 1, u"/x.txt");
-    testsupport::expectError(ErrorCode::InvalidLocation, tooDeep.getLocation(), [&] { tooDeep.fileExists(); });
-    testsupport::expectError(ErrorCode::InvalidLocation, tooDeep.getLocation(), [&] { tooDeep.openReadOnlyStream(); });
+    // No location names a level deeper, yet a provider can be built over the deepest archive:
+    // it counts its chain of providers and refuses every operation.
+    EXPECT_THROW(StorageIRI(u"zip", deepest.getLocation(), u"/x.txt"), std::runtime_error);
+    const auto tooDeep = std::make_shared<ZipProvider>(deepest);
+    EXPECT_EQ(tooDeep->getNesting(), kMaxContainerNesting + 1);
+    const StorageIRI anywhere(u"zip", entry(kMaxContainerNesting - 1, u"/a.zip").getLocation(), u"/x.txt");
+    testsupport::expectError(ErrorCode::InvalidLocation, anywhere, [&] { tooDeep->fileExists(anywhere); });
 }
 
 TEST_F(ZipNesting, CopiesOutToDiskAtomically) {
