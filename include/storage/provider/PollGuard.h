@@ -23,7 +23,7 @@ class PollingChangeEventsDetector;
 //   EntryModified is watched) before the poller publishes an entry event, so a poll that
 //   fails partway publishes no entry event (the folder's own FolderChanged, read first, may
 //   have gone out, and is published again by the next poll). Scratch files of transactional writes
-//   ('.<uuid>.tmp.bak') are left out of the listing: no event names them.
+//   ("." + UUID + ".tmp.bak") are left out of the listing: no event names them.
 // - A poll that fails for any reason other than the watched folder being gone publishes
 //   nothing more, keeps its snapshot and is tried again next period. The folder counts as
 //   gone only when reading it fails with ResourceNotFound; a subfolder or entry missing

@@ -138,7 +138,7 @@ class WrittenFileSystems;
 // After stopPublishing...For returns no callback of that subscription runs. The provider may
 // be released from inside a callback. Missing or non-folder locations throw as listings do;
 // when the notification mechanism itself fails (instance or watch limits),
-// ChangeEventsSubscriptionException. Scratch files of transactional writes ('.<uuid>.tmp.bak')
+// ChangeEventsSubscriptionException. Scratch files of transactional writes ("." + UUID + ".tmp.bak")
 // are never reported. If the kernel's queue overflows, events were lost: every subscription
 // then gets one event whose details hold "eventsLost" = "true", whatever kinds it asked for
 // (FolderChanged of the folder for a folder subscription, EntryModified of the file for a
