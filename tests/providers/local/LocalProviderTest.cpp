@@ -414,9 +414,13 @@ TEST_F(LocalProviderTest, RecursiveListingsNeedFewDescriptorsAndNeverSkipAFolder
     int highest = 0;  // at least three free descriptors above it
     for (const std::string& fd : test::namesIn("/proc/self/fd")) highest = std::max(highest, std::stoi(fd));
     withLimit(highest + 4, [&] { EXPECT_EQ(count(), 600U); });
+#ifndef __SANITIZE_ADDRESS__
+    // Not under the sanitizers: their checks of a pointer open a pipe, so with no descriptor
+    // left they report every virtual call as one on a bad object.
     const int lowest = ::open("/dev/null", O_RDONLY | O_CLOEXEC);  // one free descriptor, taken by the folder
     ::close(lowest);
     withLimit(lowest + 1, [&] { bad(ErrorCode::IOError, "tree/d0", count); });
+#endif
     if (!test::permissionsIgnored()) {
         ASSERT_EQ(::chmod(path("tree/d0/d1").c_str(), 0), 0);
         bad(ErrorCode::PermissionDenied, "tree/d0/d1", count);
