@@ -39,6 +39,7 @@ struct Capabilities {
     bool setLastModified = false;   // off: setLastModified throws UnsupportedOperation
     bool storageInfo = false;       // off: getProviderStorageInfo throws UnsupportedOperation
     bool wholeSecondTimes = false;  // on: times have whole seconds, so a folder's change may be polled late
+    bool gappedReplace = false;     // on: replacing a file removes it first, so a poll may see it go and return
 };
 
 // A provider, and an existing, empty folder in it where a test may work.

@@ -422,9 +422,9 @@ public:
         };
     }
     using Seen = std::set<std::pair<events::Kind, StorageIRI>>;
-    // Waits until the events so far hold `expected`, then returns and forgets them. An entry
-    // added and written within the window counts as added only.
-    Seen settle(const Seen& expected) {
+    // Waits until the events so far hold `expected` (or `alternative`, when given), then returns
+    // and forgets them. An entry added and written within the window counts as added only.
+    Seen settle(const Seen& expected, const Seen& alternative = {}) {
         std::unique_lock lock(mutex_);
         auto seen = [&] {
             Seen got(events_.begin(), events_.end());
@@ -435,7 +435,9 @@ public:
         };
         changed_.wait_for(lock, std::chrono::seconds(20), [&] {
             const Seen got = seen();
-            return std::includes(got.begin(), got.end(), expected.begin(), expected.end());
+            return std::includes(got.begin(), got.end(), expected.begin(), expected.end()) ||
+                   (!alternative.empty() &&
+                    std::includes(got.begin(), got.end(), alternative.begin(), alternative.end()));
         });
         const Seen got = seen();
         events_.clear();
@@ -468,6 +470,8 @@ TEST_P(ProviderConformance, WriteWatchersAgreeOnEachChange) {
         const char* what;
         std::function<void()> act;
         EventLog::Seen expected;
+        // What a poll may also see when the store's replace leaves a moment without the file.
+        EventLog::Seen gapped{};
     };
     std::vector<Step> script{
         {"create", [&] { write("w/c", "c"); }, {{K::FolderChanged, at("w")}, {K::EntryAdded, at("w/c")}}},
@@ -484,7 +488,10 @@ TEST_P(ProviderConformance, WriteWatchersAgreeOnEachChange) {
              stream->byteStream().write("new", 3);
              stream->close(StreamClosePolicy::Commit);
          },
-         {{K::FolderChanged, at("w")}, {K::EntryModified, at("w/a")}}},
+         {{K::FolderChanged, at("w")}, {K::EntryModified, at("w/a")}},
+         can().gappedReplace ? EventLog::Seen{{K::FolderChanged, at("w")}, {K::EntryAdded, at("w/a")},
+                                               {K::EntryRemoved, at("w/a")}}
+                             : EventLog::Seen{}},
         {"move in", [&] { provider().moveFile(at("out"), at("w/b"), ReplacementPolicy::Preserve); },
          {{K::FolderChanged, at("w")}, {K::EntryAdded, at("w/b")}}},
         {"move out", [&] { provider().moveFile(at("w/b"), at("out"), ReplacementPolicy::Preserve); },
@@ -494,7 +501,11 @@ TEST_P(ProviderConformance, WriteWatchersAgreeOnEachChange) {
     if (can().wholeSecondTimes) {
         // A folder's time may not move within its second; its entries are still compared.
         kinds.erase(kinds.begin());
-        for (Step& step : script) std::erase_if(step.expected, [](const auto& seen) { return seen.first == K::FolderChanged; });
+        for (Step& step : script) {
+            for (EventLog::Seen* seen : {&step.expected, &step.gapped}) {
+                std::erase_if(*seen, [](const auto& event) { return event.first == K::FolderChanged; });
+            }
+        }
     }
     EventLog polled;
     EventLog native;
@@ -507,7 +518,10 @@ TEST_P(ProviderConformance, WriteWatchersAgreeOnEachChange) {
         // With whole-second times a change is seen only in a later second than the last one.
         if (can().wholeSecondTimes) std::this_thread::sleep_for(std::chrono::milliseconds(1100));
         step.act();
-        EXPECT_EQ(polled.settle(step.expected), step.expected) << "polled: " << step.what;
+        const EventLog::Seen got = polled.settle(step.expected, step.gapped);
+        if (step.gapped.empty() || got != step.gapped) {
+            EXPECT_EQ(got, step.expected) << "polled: " << step.what;
+        }
         if (can().publishing) {
             EXPECT_EQ(native.settle(step.expected), step.expected) << "native: " << step.what;
         }

@@ -17,6 +17,8 @@ conformance::ProviderCase serverCase(const char* name, test::TestServer::Kind ki
     served.capabilities.recursiveListing = true;
     served.capabilities.recursiveRemoval = true;
     served.capabilities.wholeSecondTimes = true;
+    // rclone's MOVE onto an existing file deletes it before renaming the source.
+    served.capabilities.gappedReplace = kind == test::TestServer::Kind::Rclone;
     served.makeEmptyProvider = [kind] {
         static std::atomic<int> count{0};
         test::TestServer& server = test::TestServer::shared(kind);
