@@ -1,6 +1,6 @@
 #pragma once
 
-// Helpers the test programs share: whole-file writes and reads through a provider, the
+// Helpers the test programs share: test bytes, whole-file writes and reads through a provider, the
 // entries of a listing, and the code and location of the Exception an action throws.
 
 #include <functional>
@@ -34,6 +34,26 @@ inline void put(const IProvider& provider, const StorageIRI& location, const std
         done += static_cast<std::size_t>(n);
     }
     stream->close();
+}
+
+// `size` bytes that differ from one seed to the next and repeat only every 251 bytes, so a
+// misplaced chunk shows.
+inline std::string pattern(std::size_t size, char seed = 'a') {
+    std::string bytes(size, '\0');
+    for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(seed + static_cast<char>(i % 251));
+    return bytes;
+}
+
+// Writes all of `bytes` to `stream`; a write that takes nothing is a test failure.
+inline void writeAll(ByteStream& stream, const std::string& bytes) {
+    for (std::size_t done = 0; done < bytes.size();) {
+        const long n = stream.write(bytes.data() + done, static_cast<long>(bytes.size() - done));
+        if (n <= 0) {
+            ADD_FAILURE() << "a write took nothing";
+            return;
+        }
+        done += static_cast<std::size_t>(n);
+    }
 }
 
 // Reads a stream to its end, which a read reports as -1; a read of nothing before that fails.
