@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -88,10 +89,8 @@ private:
 // object are steps; use it for a provider with native composites, as the local one.
 class FaultInjectingProvider : public ForwardingProvider {
 public:
-    enum class Defaults { Here, Target };
-
     FaultInjectingProvider(std::shared_ptr<IProvider> target, std::shared_ptr<FaultPlan> plan, Defaults defaults)
-        : ForwardingProvider(std::move(target)), plan_(std::move(plan)), defaults_(defaults) {}
+        : ForwardingProvider(std::move(target), defaults), plan_(std::move(plan)) {}
 
     const std::shared_ptr<FaultPlan>& plan() const { return plan_; }
 
@@ -200,84 +199,51 @@ protected:
         ByteStream& inner = *stream;
         return std::make_unique<Stream>(std::move(stream), inner, *this, location);
     }
-    bool here() const { return defaults_ == Defaults::Here; }
+    // The library's composite defaults, the only members that run here.
+    static bool composite(const std::string& member) {
+        static const std::set<std::string> composites{"doCreateFolderRecursive", "doOpenTransactionalStream",
+                                                      "doOpenTransactionalStreamAtScratchLocation", "doCopyFile",
+                                                      "doTruncateToSize"};
+        return composites.count(member) != 0;
+    }
+    bool here(const std::string& member) const override {
+        return ForwardingProvider::here(member) && composite(member);
+    }
+    // The steps: the primitives below and the composites that reach the target.
+    void enter(const std::string& member, const StorageIRI* first, const StorageIRI*) const override {
+        static const std::set<std::string> primitives{
+            "doCreateFile",        "doCreateFolder",        "doFileExists", "doFolderExists",
+            "doRemoveFile",        "doMoveFile",            "doListAll",    "doGetFileAttributes",
+            "doGetFolderAttributes", "doOpenStream",       "doOpenReadOnlyStream"};
+        if (primitives.count(member) != 0 || (composite(member) && !here(member))) {
+            step(member.c_str(), *first);
+        }
+    }
 
-    void doCreateFile(const StorageIRI& l) const override {
-        step("doCreateFile", l);
-        ForwardingProvider::doCreateFile(l);
-    }
-    void doCreateFolder(const StorageIRI& l) const override {
-        step("doCreateFolder", l);
-        ForwardingProvider::doCreateFolder(l);
-    }
-    void doCreateFolderRecursive(const StorageIRI& l) const override {
-        if (here()) return IProvider::doCreateFolderRecursive(l);
-        step("doCreateFolderRecursive", l);
-        ForwardingProvider::doCreateFolderRecursive(l);
-    }
-    bool doFileExists(const StorageIRI& l) const override {
-        step("doFileExists", l);
-        return ForwardingProvider::doFileExists(l);
-    }
-    bool doFolderExists(const StorageIRI& l) const override {
-        step("doFolderExists", l);
-        return ForwardingProvider::doFolderExists(l);
-    }
-    void doRemoveFile(const StorageIRI& l) const override {
-        step("doRemoveFile", l);
-        ForwardingProvider::doRemoveFile(l);
-    }
-    void doMoveFile(const StorageIRI& f, const StorageIRI& t, const ReplacementPolicy& p) const override {
-        step("doMoveFile", f);
-        ForwardingProvider::doMoveFile(f, t, p);
-    }
-    FileAttributes doGetFileAttributes(const StorageIRI& l) const override {
-        step("doGetFileAttributes", l);
-        return ForwardingProvider::doGetFileAttributes(l);
-    }
-    FolderAttributes doGetFolderAttributes(const StorageIRI& l) const override {
-        step("doGetFolderAttributes", l);
-        return ForwardingProvider::doGetFolderAttributes(l);
-    }
     std::unique_ptr<ByteStream> doOpenStream(const StorageIRI& l, const ByteStreamOpenOptions& o) const override {
-        step("doOpenStream", l);
         return wrap(ForwardingProvider::doOpenStream(l, o), l);
     }
     std::unique_ptr<ByteStream> doOpenReadOnlyStream(const StorageIRI& l) const override {
-        step("doOpenReadOnlyStream", l);
         return wrap(ForwardingProvider::doOpenReadOnlyStream(l), l);
     }
     std::unique_ptr<TransactionalStream> doOpenTransactionalStream(const StorageIRI& l,
                                                                    const ByteStreamOpenOptions& o) const override {
-        if (here()) return IProvider::doOpenTransactionalStream(l, o);
-        step("doOpenTransactionalStream", l);
-        return std::make_unique<Transaction>(ForwardingProvider::doOpenTransactionalStream(l, o), *this, l);
+        auto stream = ForwardingProvider::doOpenTransactionalStream(l, o);
+        if (here("doOpenTransactionalStream")) return stream;
+        return std::make_unique<Transaction>(std::move(stream), *this, l);
     }
     std::unique_ptr<TransactionalStream> doOpenTransactionalStreamAtScratchLocation(
         const StorageIRI& l, const StorageIRI& s, const ByteStreamOpenOptions& o) const override {
-        if (here()) return IProvider::doOpenTransactionalStreamAtScratchLocation(l, s, o);
-        step("doOpenTransactionalStreamAtScratchLocation", l);
-        return std::make_unique<Transaction>(ForwardingProvider::doOpenTransactionalStreamAtScratchLocation(l, s, o),
-                                             *this, l);
+        auto stream = ForwardingProvider::doOpenTransactionalStreamAtScratchLocation(l, s, o);
+        if (here("doOpenTransactionalStreamAtScratchLocation")) return stream;
+        return std::make_unique<Transaction>(std::move(stream), *this, l);
     }
     std::unique_ptr<IFolderEntryIterator> doListAll(const StorageIRI& f) const override {
-        step("doListAll", f);
         return std::make_unique<Entries>(ForwardingProvider::doListAll(f), *this, f);
-    }
-    void doCopyFile(const StorageIRI& f, const StorageIRI& t, const ReplacementPolicy& p) const override {
-        if (here()) return IProvider::doCopyFile(f, t, p);
-        step("doCopyFile", f);
-        ForwardingProvider::doCopyFile(f, t, p);
-    }
-    void doTruncateToSize(const StorageIRI& l, std::uint64_t s) const override {
-        if (here()) return IProvider::doTruncateToSize(l, s);
-        step("doTruncateToSize", l);
-        ForwardingProvider::doTruncateToSize(l, s);
     }
 
 private:
     std::shared_ptr<FaultPlan> plan_;
-    Defaults defaults_;
 };
 
 }  // namespace foundation::storage::provider::testsupport

@@ -1,0 +1,342 @@
+#include <algorithm>
+#include <chrono>
+#include <future>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "storage/provider/PollingChangeEventsDetector.h"
+#include "storage/provider/SingleFolderChangePoller.h"
+#include "storage/provider/memory/MemoryProvider.h"
+#include "support/FakeFolder.h"
+#include "support/FaultInjectingProvider.h"
+#include "support/InstrumentedProvider.h"
+#include "support/TestIO.h"
+
+namespace foundation::storage::provider {
+namespace {
+
+using namespace std::chrono_literals;
+using events::EntryType;
+using events::Kind;
+using fake::at;
+using fake::eventually;
+using fake::Recorder;
+using testsupport::FaultPlan;
+using Defaults = testsupport::ForwardingProvider::Defaults;
+using Events = std::vector<std::string>;
+constexpr auto kFile = EntryType::File;
+constexpr auto kFolder = EntryType::Folder;
+constexpr auto kFlat = RecursiveChangePolling::NonRecursive;
+const std::vector<Kind> kAllKinds{Kind::FolderChanged, Kind::FolderVanished, Kind::EntryAdded, Kind::EntryModified,
+                                  Kind::EntryRemoved};
+
+// A watched folder in a memory store whose time changes only by setTime. A poller's getters
+// reach the store through an InstrumentedProvider, which counts them, over a
+// FaultInjectingProvider, which breaks a listing on request.
+class Folder {
+public:
+    explicit Folder(const char16_t* path = u"/w") : location_(u"mem://" + ustring(path)) {
+        store_->createFolder(location_);
+        setTime(0);
+    }
+    const StorageIRI& location() const { return location_; }
+
+    void setTime(int second) { store_->setLastModified(location_, at(second)); }
+    // Creates or replaces the entry `name` with the time at(second).
+    void put(const char16_t* name, EntryType type, int second) {
+        const StorageIRI entry(location_, ustring(name));
+        const auto time = store_->getFolderAttributes(location_).getLastModified();
+        if (store_->folderExists(entry) != (type == kFolder)) remove(name);
+        if (type == kFile) testsupport::put(*store_, entry, "");
+        if (type == kFolder && !store_->folderExists(entry)) store_->createFolder(entry);
+        store_->setLastModified(entry, at(second));
+        store_->setLastModified(location_, time);
+    }
+    void remove(const char16_t* name) {
+        const StorageIRI entry(location_, ustring(name));
+        const auto time = store_->getFolderAttributes(location_).getLastModified();
+        if (store_->fileExists(entry)) store_->removeFile(entry);
+        if (store_->folderExists(entry)) store_->removeFolder(entry);
+        store_->setLastModified(location_, time);
+    }
+    void setMissing(bool missing) {
+        const StorageIRI away(u"mem://" + location_.getPath() + u".away");
+        store_->moveFolder(missing ? location_ : away, missing ? away : location_, ReplacementPolicy::Preserve);
+    }
+    // The `ordinal`th step of a listing from now on throws `code`.
+    void failListingAt(int ordinal, ErrorCode code = ErrorCode::IOError) {
+        plan_->arm(FaultPlan::Fault{"next", ordinal, testsupport::FaultKind::Exception, code});
+    }
+    bool namesOnly = false;  // list names only, so that a poller watching times must ask the getters
+
+    int listings() const { return seen_->count("doListAll"); }
+    int fileAttributeCalls() const { return seen_->count("doGetFileAttributes"); }
+    int ownAttributeCalls() const {
+        return seen_->count("doGetFolderAttributes " + fl::i18n::to_string(location_.getPath()));
+    }
+    int entryFolderAttributeCalls() const { return seen_->count("doGetFolderAttributes") - ownAttributeCalls(); }
+
+    SingleFolderChangePoller::EntryIteratorGetter iteratorGetter() {
+        return [this](StorageIRI f) -> std::unique_ptr<IFolderEntryIterator> {
+            if (!namesOnly) return seen_->listAll(f);
+            return std::make_unique<NamesOnly>(seen_->listAll(f));
+        };
+    }
+    SingleFolderChangePoller::FileAttributesGetter fileAttributesGetter() {
+        return [this](StorageIRI l) { return seen_->getFileAttributes(l); };
+    }
+    SingleFolderChangePoller::FolderAttributesGetter folderAttributesGetter() {
+        return [this](StorageIRI l) { return seen_->getFolderAttributes(l); };
+    }
+    std::unique_ptr<SingleFolderChangePoller> poller(ChangeEventCallback callback, std::vector<Kind> kinds,
+                                                     RecursiveChangePolling recursive = kFlat) {
+        return std::make_unique<SingleFolderChangePoller>(location_, std::move(callback), iteratorGetter(),
+                                                          fileAttributesGetter(), folderAttributesGetter(),
+                                                          std::move(kinds), recursive);
+    }
+    void watch(PollingChangeEventsDetector& detector, std::vector<Kind> kinds) {
+        detector.addFolderLocation(location_, iteratorGetter(), fileAttributesGetter(), folderAttributesGetter(),
+                                   std::move(kinds), kFlat);
+    }
+
+private:
+    // A listing's entries by name and type alone.
+    struct NamesOnly : IFolderEntryIterator {
+        explicit NamesOnly(std::unique_ptr<IFolderEntryIterator> listing) : inner(std::move(listing)) {}
+        FolderEntry get() const override {
+            const FolderEntry entry = inner->get();
+            return FolderEntry(entry.getName(), entry.isFile() ? FolderEntry::EntryType::File
+                                                               : FolderEntry::EntryType::Folder);
+        }
+        bool hasNext() override { return inner->hasNext(); }
+        void next() override { inner->next(); }
+        std::optional<std::size_t> remainingHint() const override { return inner->remainingHint(); }
+        std::unique_ptr<IFolderEntryIterator> inner;
+    };
+
+    const StorageIRI location_;
+    std::shared_ptr<IProvider> store_ = memory::makeMemoryProvider();
+    std::shared_ptr<FaultPlan> plan_ = std::make_shared<FaultPlan>();
+    std::shared_ptr<testsupport::InstrumentedProvider> seen_ = std::make_shared<testsupport::InstrumentedProvider>(
+        std::make_shared<testsupport::FaultInjectingProvider>(store_, plan_, Defaults::Target), Defaults::Target);
+};
+
+// A flat poll trusts the folder's time: while it holds, the listing is skipped.
+TEST(SingleFolderChangePoller, ListsOnlyWhenTheKindsNeedIt) {
+    // Listings in a poll for kinds, recursion, whether the folder holds an entry and whether
+    // its time changed: only what the kinds need is read.
+    struct Row {
+        std::vector<Kind> kinds;
+        RecursiveChangePolling recursive;
+        bool withEntry;
+        bool touched;
+        int listings;
+    };
+    const auto deep = RecursiveChangePolling::Recursive;
+    for (const Row& row : {Row{{}, kFlat, true, true, 0},
+                           Row{{Kind::FolderChanged}, kFlat, true, true, 0},
+                           Row{{Kind::FolderChanged, Kind::EntryRemoved}, kFlat, true, false, 0},
+                           Row{{Kind::FolderChanged, Kind::EntryRemoved}, kFlat, true, true, 1},
+                           Row{{Kind::FolderChanged, Kind::EntryAdded}, deep, true, false, 1},
+                           Row{{Kind::FolderChanged, Kind::EntryAdded, Kind::EntryModified}, kFlat, true, false, 1},
+                           Row{{Kind::EntryAdded, Kind::EntryRemoved}, kFlat, true, false, 1},  // no folder time
+                           Row{{Kind::EntryAdded}, kFlat, false, false, 1}}) {                  // an empty snapshot
+        Folder other;
+        if (row.withEntry) other.put(u"a", kFile, 1);
+        Recorder ignored(other.location());
+        auto p = other.poller(ignored.callback(), row.kinds, row.recursive);
+        p->buildInitialSnapshot();
+        const int before = other.listings();
+        if (row.touched) other.setTime(5);
+        p->checkForChanges();
+        EXPECT_EQ(other.listings() - before, row.listings) << row.kinds.size() << " kinds, " << row.touched;
+    }
+}
+
+TEST(SingleFolderChangePoller, FetchesAttributesOnlyForEntryModifiedAndOnlyWhenNotListed) {
+    for (const bool namesOnly : {false, true}) {
+        Folder folder;
+        folder.namesOnly = namesOnly;
+        folder.put(u"a", kFile, 1);
+        folder.put(u"d", kFolder, 2);
+        Recorder events(folder.location());
+        auto added = folder.poller(events.callback(), {Kind::EntryAdded, Kind::EntryRemoved});
+        auto modified = folder.poller(events.callback(), {Kind::EntryModified});
+        added->buildInitialSnapshot();
+        EXPECT_EQ(folder.fileAttributeCalls() + folder.entryFolderAttributeCalls(), 0);
+        modified->buildInitialSnapshot();
+        folder.put(u"a", kFile, 10);
+        folder.put(u"d", kFolder, 20);
+        added->checkForChanges();
+        modified->checkForChanges();
+        EXPECT_EQ(events.take(), (Events{"EntryModified /w/a file", "EntryModified /w/d folder"}));
+        EXPECT_EQ(folder.fileAttributeCalls(), namesOnly ? 2 : 0) << namesOnly;
+        EXPECT_EQ(folder.entryFolderAttributeCalls(), namesOnly ? 2 : 0) << namesOnly;
+    }
+}
+
+TEST(SingleFolderChangePoller, PublishesOnePollInFixedOrder) {
+    Folder folder;
+    folder.put(u"m", kFile, 1);
+    folder.put(u"r1", kFile, 1);
+    folder.put(u"keep", kFolder, 1);
+    folder.put(u"r0", kFolder, 1);
+    Recorder events(folder.location());
+    auto poller = folder.poller(events.callback(), kAllKinds);
+    poller->buildInitialSnapshot();
+    folder.remove(u"r1");
+    folder.remove(u"r0");
+    folder.put(u"n2", kFile, 2);
+    folder.put(u"m", kFile, 2);
+    folder.put(u"n1", kFolder, 2);
+    folder.setTime(2);
+    poller->checkForChanges();
+    // The folder, then its entries in the listing's order, then the removed ones by name.
+    EXPECT_EQ(events.take(), (Events{"FolderChanged /w folder", "EntryModified /w/m file", "EntryAdded /w/n1 folder",
+                                     "EntryAdded /w/n2 file", "EntryRemoved /w/r0 folder",
+                                     "EntryRemoved /w/r1 file"}));
+    poller->checkForChanges();
+    EXPECT_EQ(events.take(), Events{});
+}
+
+TEST(SingleFolderChangePoller, ComparesNamesAndTimesOnly) {
+    // Kinds, a change made between two polls (an entry removed, one put), and what the second
+    // poll publishes.
+    const std::vector<Kind> entryKinds{Kind::EntryAdded, Kind::EntryModified, Kind::EntryRemoved};
+    struct Row {
+        std::vector<Kind> kinds;
+        const char16_t* removed;
+        const char16_t* put;
+        EntryType type;
+        int second;
+        Events published;
+    };
+    const Row rows[] = {
+        {entryKinds, u"x", u"y", kFile, 1, {"EntryAdded /w/y file", "EntryRemoved /w/x file"}},
+        {entryKinds, u"x", u"x", kFile, 2, {"EntryModified /w/x file"}},
+        {entryKinds, nullptr, u"x", kFolder, 1, {}},
+        {entryKinds, nullptr, u"x", kFolder, 3, {"EntryModified /w/x folder"}},
+        {{Kind::EntryAdded, Kind::EntryRemoved}, nullptr, u"x", kFile, 2, {}},
+        {{Kind::EntryRemoved}, u"x", nullptr, kFile, 0, {"EntryRemoved /w/x file"}},
+    };
+    for (const Row& row : rows) {
+        Folder folder;
+        folder.put(u"x", kFile, 1);
+        Recorder events(folder.location());
+        auto poller = folder.poller(events.callback(), row.kinds, RecursiveChangePolling::Recursive);
+        poller->buildInitialSnapshot();
+        if (row.removed) folder.remove(row.removed);
+        if (row.put) folder.put(row.put, row.type, row.second);
+        poller->checkForChanges();
+        EXPECT_EQ(events.take(), row.published) << "row " << &row - rows;
+    }
+
+    // The snapshot follows the listing whatever is published: entries first seen unpublished
+    // are remembered, removed ones forgotten.
+    Folder folder;
+    Recorder events(folder.location());
+    auto remembers = folder.poller(events.callback(), {Kind::EntryModified, Kind::EntryRemoved});
+    auto forgets = folder.poller(events.callback(), {Kind::EntryAdded});
+    remembers->buildInitialSnapshot();
+    folder.put(u"n", kFile, 1);
+    remembers->checkForChanges();
+    forgets->buildInitialSnapshot();
+    folder.remove(u"n");
+    forgets->checkForChanges();
+    folder.put(u"n", kFile, 2);
+    remembers->checkForChanges();
+    forgets->checkForChanges();
+    EXPECT_EQ(events.take(), (Events{"EntryModified /w/n file", "EntryAdded /w/n file"}));
+}
+
+TEST(SingleFolderChangePoller, ReportsAVanishedFolderOnceAndThenStops) {
+    Folder folder;
+    folder.put(u"a", kFile, 1);
+    Recorder events(folder.location());
+    auto poller = folder.poller(events.callback(), {Kind::FolderVanished, Kind::EntryAdded});
+    auto quiet = folder.poller(events.callback(), {Kind::EntryAdded});
+    poller->buildInitialSnapshot();
+    quiet->buildInitialSnapshot();
+    folder.setMissing(true);
+    poller->checkForChanges();
+    EXPECT_NO_THROW(quiet->checkForChanges()) << "not watched: the poll is skipped quietly";
+    EXPECT_EQ(events.take(), Events{"FolderVanished /w folder"});
+    folder.setMissing(false);
+    folder.put(u"b", kFile, 1);
+    const int listings = folder.listings();
+    poller->checkForChanges();
+    EXPECT_EQ(folder.listings(), listings);
+    quiet->checkForChanges();
+    EXPECT_EQ(events.take(), Events{"EntryAdded /w/b file"});
+
+    // A listing that fails half-way with ResourceNotFound also counts as the folder gone.
+    auto midway = folder.poller(events.callback(), {Kind::FolderVanished, Kind::EntryAdded});
+    midway->buildInitialSnapshot();
+    folder.failListingAt(2, ErrorCode::ResourceNotFound);
+    midway->checkForChanges();
+    EXPECT_EQ(events.take(), Events{"FolderVanished /w folder"});
+}
+
+// A poll whose callback fails keeps the old snapshot: the next poll publishes everything again.
+TEST(SingleFolderChangePoller, AbandonedPollKeepsTheOldSnapshot) {
+    Folder folder;
+    folder.put(u"a", kFile, 1);
+    Recorder events(folder.location());
+    auto poller = folder.poller(events.callback(), kAllKinds);
+    poller->buildInitialSnapshot();
+    folder.remove(u"a");
+    folder.put(u"c", kFile, 1);
+    folder.setTime(3);
+    const Events all{"FolderChanged /w folder", "EntryAdded /w/c file", "EntryRemoved /w/a file"};
+    events.throwAt(2);
+    EXPECT_THROW(poller->checkForChanges(), std::runtime_error);
+    EXPECT_EQ(events.take(), (Events{all[0], all[1]}));
+    poller->checkForChanges();
+    EXPECT_EQ(events.take(), all);
+
+    // A callback failing on FolderVanished leaves the poller active: the next poll reports again.
+    folder.setMissing(true);
+    events.throwAt(0);
+    EXPECT_THROW(poller->checkForChanges(), std::runtime_error);
+    poller->checkForChanges();
+    EXPECT_EQ(events.take(), Events{"FolderVanished /w folder"});
+}
+
+TEST(PollingChangeEventsDetector, PollsEachFolderWithItsFirstRegistrationUntilRemoved) {
+    Recorder events;
+    PollingChangeEventsDetector detector(events.callback(), 1ms);
+    Folder a(u"/a"), b(u"/b"), decoy(u"/a");
+    a.watch(detector, {Kind::FolderChanged});
+    b.watch(detector, {Kind::EntryAdded});
+    decoy.watch(detector, {Kind::EntryAdded});
+    a.setTime(2);
+    b.put(u"y", kFolder, 1);
+    auto got = events.waitFor(2);
+    EXPECT_FALSE(detector.isShutdown());  // waits for a pass in progress: what it publishes is in by now
+    for (const auto& event : events.take()) got.push_back(event);
+    std::sort(got.begin(), got.end());
+    EXPECT_EQ(got, (Events{"EntryAdded /b/y folder", "FolderChanged /a folder"}));
+    EXPECT_EQ(decoy.listings() + decoy.ownAttributeCalls(), 0);
+
+    detector.removeFolderAtLocation(a.location());
+    detector.removeFolderAtLocation(StorageIRI(u"mem:///never-added"));
+    const int calls = a.ownAttributeCalls();
+    const int listed = b.listings();
+    EXPECT_TRUE(eventually([&] { return b.listings() >= listed + 2; })) << "a whole pass after the removal";
+    EXPECT_EQ(a.ownAttributeCalls(), calls);
+}
+
+TEST(PollingChangeEventsDetector, DestructionWakesThePollingThread) {
+    Folder folder;
+    auto detector = std::make_unique<PollingChangeEventsDetector>(ChangeEventCallback(), std::chrono::hours(1));
+    folder.watch(*detector, {Kind::FolderChanged});
+    auto destroyed = std::async(std::launch::async, [&] { detector.reset(); });
+    EXPECT_EQ(destroyed.wait_for(60s), std::future_status::ready);
+}
+
+}  // namespace
+}  // namespace foundation::storage::provider
