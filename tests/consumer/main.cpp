@@ -1,6 +1,6 @@
-// Exercises the exported interface from outside the library: building and reading
-// locations, and catching the library's exceptions by their own types (which only works when
-// their type information is exported).
+// Exercises the exported interface from outside the library: building a location, and
+// catching the library's exceptions by their own types (which only works when their type
+// information is exported).
 #include <cstdlib>
 #include <iostream>
 #include <stdexcept>
@@ -11,10 +11,6 @@ namespace sp = foundation::storage::provider;
 
 int main() {
     const sp::StorageIRI file(u"file:///home/user/Ünïcode café/report.pdf");
-    if (file.getName() != u"report.pdf" || file.getParent().getName() != u"Ünïcode café") {
-        std::cerr << "unexpected name or parent of " << file << "\n";
-        return EXIT_FAILURE;
-    }
 
     try {
         (void)file.getRoot().getParent();

@@ -1,0 +1,156 @@
+#include "storage/provider/TransactionalStream.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "storage/provider/ByteStream.h"
+#include "storage/provider/Exception.h"
+#include "support/StringByteStream.h"
+#include "support/TestIO.h"
+
+namespace foundation::storage::provider {
+namespace {
+
+using Policies = std::vector<StreamClosePolicy>;
+constexpr auto Commit = StreamClosePolicy::Commit;
+constexpr auto Abort = StreamClosePolicy::Abort;
+const StorageIRI kTarget(u"mem:///folder/target.txt");
+
+// A transactional stream whose close action records each policy, over a data stream that counts
+// its closes and fails them while `failClose` is set.
+struct Recorder {
+    int closes = 0;
+    bool failClose = false;
+    Policies calls;
+    std::function<void(const StreamClosePolicy&)> action = [this](const StreamClosePolicy& p) { calls.push_back(p); };
+
+    std::unique_ptr<TransactionalStream> open(bool withTarget = true);
+};
+
+class ProbedStream : public testsupport::StringByteStream {
+public:
+    explicit ProbedStream(Recorder& recorder) : recorder_(recorder) {}
+
+protected:
+    void doClose() override {
+        ++recorder_.closes;
+        if (recorder_.failClose) throw ByteStreamFailure(ErrorCode::NoSpaceLeft, "close failed");
+    }
+
+private:
+    Recorder& recorder_;
+};
+
+std::unique_ptr<TransactionalStream> Recorder::open(bool withTarget) {
+    std::unique_ptr<ByteStream> data = std::make_unique<ProbedStream>(*this);
+    if (!withTarget) return std::make_unique<GenericTransactionalStream<ByteStream>>(data, action);
+    return std::make_unique<GenericTransactionalStream<ByteStream>>(data, action, kTarget);
+}
+
+// A write through a read-only stream fails; reported at a location, the failure keeps its code
+// and its own words, without the iostream's.
+TEST(ByteStreamFailure, KeepsItsCodeAndWords) {
+    std::unique_ptr<ByteStream> inner = std::make_unique<testsupport::StringByteStream>();
+    EXPECT_THROW(SafeByteStream::openReadOnly(inner)->write("x", 1), ByteStreamWriteFailure);
+    const Exception e = streamFailureAt(ByteStreamWriteFailure(), kTarget);
+    EXPECT_EQ(e.getErrorCode(), ErrorCode::IOError);
+    EXPECT_EQ(e.getStorageIRI(), kTarget);
+    EXPECT_EQ(e.getExceptionContextsString(), u"Stream was not opened for writing.");
+}
+
+TEST(GenericTransactionalStream, ClosesOnceWhateverFollows) {
+    for (const auto first : {Commit, Abort}) {
+        Recorder recorder;
+        auto stream = recorder.open();
+        EXPECT_EQ(stream->write("xy", 2), 2);
+        stream->close(first);
+        stream->close(Commit);
+        stream->close(Abort);
+        stream.reset();  // the destructor's abort must find it closed
+        EXPECT_EQ(recorder.calls, Policies{first});
+        EXPECT_EQ(recorder.closes, 1);
+    }
+    // Unclosed, the destructor aborts and swallows a failure.
+    Recorder recorder;
+    recorder.open().reset();
+    EXPECT_EQ(recorder.calls, Policies{Abort});
+    recorder.action = [](const StreamClosePolicy&) { throw Exception(ErrorCode::IOError, kTarget); };
+    EXPECT_NO_THROW(recorder.open().reset());
+}
+
+TEST(GenericTransactionalStream, FailedCommitPassesOnAndCanBeRetriedOrAborted) {
+    Recorder recorder;
+    recorder.action = [&](const StreamClosePolicy& p) {
+        recorder.calls.push_back(p);
+        if (recorder.calls.size() == 1) throw Exception(ErrorCode::PermissionDenied, kTarget);
+    };
+    auto stream = recorder.open();
+    testsupport::expectError(ErrorCode::PermissionDenied, kTarget, [&] { stream->close(Commit); });
+    stream->close(Commit);
+    stream->close(Abort);
+    EXPECT_EQ(recorder.calls, (Policies{Commit, Commit}));
+    EXPECT_EQ(recorder.closes, 1) << "the data stream closed once, before the first commit";
+}
+
+// After the data stream failed to close nothing vouches for what was written: the action is not
+// run, a later commit fails, and the abort that ends the stream closes nothing again.
+TEST(GenericTransactionalStream, AfterTheDataFailedToCloseOnlyAnAbortEndsIt) {
+    for (const bool withTarget : {true, false}) {
+        Recorder recorder;
+        recorder.failClose = true;
+        auto stream = recorder.open(withTarget);
+        EXPECT_THROW(stream->close(Commit), ByteStreamFailure);
+        EXPECT_TRUE(recorder.calls.empty());
+        recorder.failClose = false;
+        if (withTarget) {
+            testsupport::expectError(ErrorCode::IOError, kTarget, [&] { stream->close(Commit); });
+        } else {
+            EXPECT_THROW(stream->close(Commit), ByteStreamFailure);
+        }
+        stream->close(Abort);
+        EXPECT_EQ(recorder.calls, Policies{Abort});
+        EXPECT_EQ(recorder.closes, 1);
+    }
+}
+
+// A plain close commits, a close with a policy takes it, and a device that goes unclosed
+// aborts.
+TEST(TransactionalStreamDevice, PlainCloseCommitsPolicyCloseChoosesAndTheLastCopyAborts) {
+    const std::pair<std::function<void(const TransactionalStreamDevice&)>, StreamClosePolicy> rows[] = {
+        {[](auto& device) { device.close(); }, Commit},
+        {[](auto& device) { device.close(Abort); }, Abort},
+        {[](auto&) {}, Abort},
+    };
+    for (const auto& [end, expected] : rows) {
+        Recorder recorder;
+        {
+            auto stream = recorder.open();
+            end(TransactionalStreamDevice(stream));
+        }
+        EXPECT_EQ(recorder.calls, Policies{expected});
+    }
+}
+
+// Scratch names are recognised by their form alone.
+TEST(ScratchName, IsRecognisedByItsForm) {
+    EXPECT_TRUE(isScratchName(makeScratchName()));
+    const std::pair<const char*, bool> rows[] = {
+        {".0123abcd-4567-89ef-0123-456789abcdef.tmp.bak", true},
+        {"_0123abcd-4567-89ef-0123-456789abcdef.tmp.bak", false},   // not hidden
+        {".0123abcd-4567-89ef-0123-456789abcdef.tmp.bak~", false},  // longer
+        {".0123ABCD-4567-89ef-0123-456789abcdeg.tmp.bak", false},   // not lower-case hexadecimal
+        {".0123abcd04567-89ef-0123-456789abcdef.tmp.bak", false},   // a digit for a dash
+        {".0123abcd-4567-89ef-0123-456789abcdef.tmp.bal", false},   // another suffix
+    };
+    for (const auto& [name, scratch] : rows) {
+        EXPECT_EQ(isScratchName(std::string_view(name)), scratch) << name;
+        EXPECT_EQ(isScratchName(fl::i18n::to_ustring(name)), scratch) << name;
+    }
+}
+
+}  // namespace
+}  // namespace foundation::storage::provider
