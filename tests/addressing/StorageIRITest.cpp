@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <atomic>
 #include <functional>
-#include <set>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 #include <unordered_set>
@@ -38,13 +36,13 @@ ustring nested(std::size_t levels) {
     return text;
 }
 
-// Components of parsed text; `inner` is empty for a hierarchical location, which has a host.
+// Components of parsed text, which reads back from toString(); `inner` is empty for a
+// hierarchical location, which has a host.
 TEST(StorageIRI, ParsesText) {
     struct Row {
         ustring text, shown, host, path, name, inner;
     };
     const Row rows[] = {
-        {u"mem://store/a/b", u"mem://store/a/b", u"store", u"/a/b", u"b", u""},
         {u"file:/x", u"file:///x", u"", u"/x", u"x", u""},
         {u"file:///", u"file:///", u"", u"/", u"/", u""},
         {u"file://host", u"file://host", u"host", u"", u"", u""},
@@ -53,10 +51,7 @@ TEST(StorageIRI, ParsesText) {
         {u"file:///a b", u"file:///a%20b", u"", u"/a b", u"a b", u""},
         {u"http://h%C3%A9/x?q=1#f", u"http://hé/x?q=1#f", u"hé", u"/x", u"x", u""},
         {u"s:t:file:///x.zip!/y.zip!/z", u"s:t:file:///x.zip!/y.zip!/z", u"", u"/z", u"z", u"t:file:///x.zip!/y.zip"},
-        {u"s:file:///c.zip!/a/", u"s:file:///c.zip!/a/", u"", u"/a", u"a", u"file:///c.zip"},
-        {u"s:file:///c.zip!/a%21b/c%3F%23", u"s:file:///c.zip!/a%21b/c%3F%23", u"", u"/a!b/c?#", u"c?#", u"file:///c.zip"},
-        {u"s:file:///c.zip?v=1!/a", u"s:file:///c.zip?v=1!/a", u"", u"/a", u"a", u"file:///c.zip?v=1"},
-        {u"s:file:/c.zip!/a", u"s:file:/c.zip!/a", u"", u"/a", u"a", u"file:///c.zip"},
+        {u"s:file:///c.zip?v=1!/a%21b/", u"s:file:///c.zip?v=1!/a%21b/", u"", u"/a!b", u"a!b", u"file:///c.zip?v=1"},
     };
     for (const auto& row : rows) {
         const StorageIRI iri(row.text);
@@ -68,44 +63,38 @@ TEST(StorageIRI, ParsesText) {
         EXPECT_EQ(iri.isOpaque(), !row.inner.empty()) << where;
         EXPECT_EQ(iri.hasHost(), !row.host.empty()) << where;
         EXPECT_EQ(row.inner.empty() ? iri.getHost() : iri.getInnerIRI().toString(), row.host + row.inner) << where;
-        EXPECT_EQ(std::hash<StorageIRI>()(iri), asciiHash(iri.toAsciiString())) << where;
         EXPECT_EQ(StorageIRI(iri.toString()), iri) << where;
     }
 }
 
-// Every way of building a location gives the same text, identity and hash (boost::hash_range
-// over the ASCII text).
+// Every way of building a location gives the same text, identity and hash: boost::hash_range
+// over the ASCII text.
 TEST(StorageIRI, EveryConstructionOfOneLocationIsTheSame) {
-    const ustring ascii = u"file:///h/%C3%9Cn%C3%AFcode%20caf%C3%A9/%E6%97%A5%E6%9C%AC%20%E3%83%95/%E5%A0%B1.txt";
+    const ustring ascii = u"file:///h/%C3%9Cn%C3%AF%20caf%C3%A9/%E6%97%A5%E6%9C%AC/%E5%A0%B1.txt";
     const std::vector<StorageIRI> forms = {
-        StorageIRI(u"file:///h/Ünïcode café/日本 フ/報.txt"),
+        StorageIRI(u"file:///h/Ünï café/日本/報.txt"),
         StorageIRI(ascii),
-        StorageIRI(foundation::network::IRI(ascii)),
-        StorageIRI(StorageIRI(StorageIRI(u"file:///h"), u"Ünïcode café/日本 フ"), u"報.txt"),
-        StorageIRI(u"file", Path(u"/h/Ünïcode café/日本 フ/報.txt")),
+        StorageIRI(StorageIRI(StorageIRI(u"file:///h"), u"Ünï café/日本"), u"報.txt"),
+        StorageIRI(u"file", Path(u"/h/Ünï café/日本/報.txt")),
     };
     for (const StorageIRI& iri : forms) {
-        EXPECT_EQ(iri.toString(), u"file:///h/Ünïcode%20café/日本%20フ/報.txt");
+        EXPECT_EQ(iri.toString(), u"file:///h/Ünï%20café/日本/報.txt");
         EXPECT_EQ(iri.toAsciiString(), ascii);
-        EXPECT_EQ(iri.getParent().getName(), u"日本 フ");
         EXPECT_TRUE(iri == forms.front() && forms.front() == iri);
         EXPECT_FALSE(iri < forms.front() || forms.front() < iri);
-        EXPECT_EQ(hash_value(iri), asciiHash(ascii));
-        EXPECT_EQ(boost::hash<StorageIRI>()(iri), asciiHash(ascii));
+        EXPECT_EQ(std::hash<StorageIRI>()(iri), asciiHash(ascii));
     }
-    EXPECT_EQ(std::set<StorageIRI>(forms.begin(), forms.end()).size(), 1u);
     EXPECT_EQ(std::unordered_set<StorageIRI>(forms.begin(), forms.end()).size(), 1u);
-    std::ostringstream out;
-    out << forms.front();
-    EXPECT_EQ(out.str(), "file:///h/Ünïcode%20café/日本%20フ/報.txt");
 }
 
 // Equality takes one and three or more '/' as the same empty authority; order and hash take
-// the text as it is.
+// the text as it is. The path form orders by element: '/a/b' before '/a.b'.
 TEST(StorageIRI, EqualityIsLooserThanOrdering) {
     const std::tuple<ustring, ustring, bool> rows[] = {
-        {u"s:/x", u"s:///x", true},   {u"s:///x", u"s:////x", true}, {u"s://x", u"s:///x", false},
-        {u"ab:///x", u"ac:///x", false}, {u"a:///x", u"ab:///x", false}, {u"s:///x", u"s:///xy", false},
+        {u"s:/x", u"s:///x", true},
+        {u"s://x", u"s:///x", false},
+        {u"ab:///x", u"ac:///x", false},
+        {u"s:///x", u"s:///xy", false},
     };
     for (const auto& [a, b, equal] : rows) {
         EXPECT_EQ(StorageIRI(a) == StorageIRI(b), equal) << utf8(a) << " vs " << utf8(b);
@@ -113,9 +102,10 @@ TEST(StorageIRI, EqualityIsLooserThanOrdering) {
     }
     const StorageIRI three(u"s:///x");
     const StorageIRI four(u"s:////x");
-    EXPECT_TRUE(four < three && !(three < four) && !(three < three));
+    EXPECT_TRUE(three == four && four < three && !(three < four) && !(three < three));
     EXPECT_NE(three.hashValue(), four.hashValue());
-    EXPECT_TRUE(StorageIRI(u"s:///a/b") < StorageIRI(u"s:///a0"));
+    auto at = [](const ustring& path) { return StorageIRI(u"file", Path(path)); };
+    EXPECT_TRUE(at(u"/a/b") < at(u"/a.b") && StorageIRI(u"file:///a.b") < at(u"/a/b"));
 }
 
 // A child location keeps only its text until asked for more: it compares, hashes and answers
@@ -126,14 +116,10 @@ TEST(StorageIRI, ChildLocationsAreTheirText) {
         {u"file:///a/b", u"/", u"file:///"},
         {u"file:///a/b", u"//a//", u"file:///a//"},
         {u"file:///a/", u"c/", u"file:///a/c"},
-        {u"file:///a/b", u"", u"file:///a/b"},
-        {u"file://host", u"c", u"file://host/c"},
         {u"http://user@host:8080/p?q=1#f", u"r s", u"http://user@host:8080/p/r%20s?q=1#f"},
-        {u"s:/x", u"y", u"s:///x/y"},
         {u"zip:file:///c.zip!/", u"b", u"zip:file:///c.zip!/b"},
         {u"file:///a", u"50% off?#[1]", u"file:///a/50%25%20off%3F%23%5B1%5D"},
-        {u"file:///a", u"x/../y/./z", u"file:///a/x/../y/./z"},
-        {u"file:///caf%C3%A9", u"日本 é", u"file:///café/日本%20é"},
+        {u"file:///caf%C3%A9", u"日本 é/./x", u"file:///café/日本%20é/./x"},
         {u"file:///a", u"b\xDCE9", u"file:///a/b%E9"},  // a byte that was not UTF-8 is that byte
     };
     for (const auto& [base, relative, text] : rows) {
@@ -144,12 +130,9 @@ TEST(StorageIRI, ChildLocationsAreTheirText) {
         EXPECT_TRUE(fresh == parsed && parsed == fresh && !(fresh < parsed) && !(parsed < fresh)) << where;
         const StorageIRI child(StorageIRI(base), relative);
         EXPECT_EQ(child.toString(), text) << where;
-        EXPECT_EQ(child.toAsciiString(), parsed.toAsciiString()) << where;
         EXPECT_EQ(child.getPath(), parsed.getPath()) << where;
         EXPECT_EQ(child.getName(), parsed.getName()) << where;
         EXPECT_EQ(child.getResolvedPath(), parsed.getResolvedPath()) << where;
-        EXPECT_EQ(child.getRoot(), parsed.getRoot()) << where;
-        EXPECT_EQ(child.toIRI(), parsed.toIRI()) << where;
         if (parsed.hasParent()) {
             EXPECT_EQ(child.getParent().toString(), parsed.getParent().toString()) << where;
         }
@@ -164,15 +147,12 @@ TEST(StorageIRI, ParentsAndRoots) {
         {u"file:///a", u"file:///", u"file:///"},
         {u"file:///a/b/", u"file:///a/b", u"file:///"},
         {u"mem://store/a/b?q", u"mem://store/a?q", u"mem://store/?q"},
-        {u"zip:file:///c.zip!/a/b", u"zip:file:///c.zip!/a", u"zip:file:///c.zip!/"},
         {u"zip:file:///c.zip!/a", u"zip:file:///c.zip!/", u"zip:file:///c.zip!/"},
-        {u"file:///a//b", u"file:///a", u"file:///"},
         {u"mem:///a://b", u"mem:///a:", u"mem:///"},
         {u"zip:file:///c.zip!/a%21//", u"zip:file:///c.zip!/a%21", u"zip:file:///c.zip!/"},
     };
     for (const auto& [text, parent, root] : rows) {
         const StorageIRI iri(text);
-        ASSERT_TRUE(iri.hasParent()) << utf8(text);
         EXPECT_EQ(iri.getParent().toString(), parent) << utf8(text);
         EXPECT_LT(iri.getParent().getPath().size(), iri.getPath().size()) << utf8(text);
         EXPECT_EQ(iri.getRoot().toString(), root) << utf8(text);
@@ -183,21 +163,16 @@ TEST(StorageIRI, ParentsAndRoots) {
     // An empty path has a parent by hasParent(), but none can be built.
     EXPECT_TRUE(StorageIRI(u"file://host").hasParent());
     expectThrow<LogicFailure>([] { StorageIRI(u"file://host").getParent(); }, "IRI does not have a parent IRI.");
-    // The parent is computed once and shared by copies.
     const StorageIRI leaf(u"file:///a/b");
-    const StorageIRI copy = leaf;
-    EXPECT_EQ(copy.getParent().impl(), leaf.getParent().impl());
+    EXPECT_EQ(leaf.getParent().impl(), leaf.getParent().impl());  // computed once
 }
 
-TEST(StorageIRI, AncestryRelativeAndResolvedPaths) {
+TEST(StorageIRI, AncestryAndRelativePaths) {
     const std::tuple<ustring, ustring, bool> ancestry[] = {
         {u"file:///a", u"file:///a/b", true},
-        {u"file:///a", u"file:///a", false},
         {u"file:///a", u"file:///ab", false},
-        {u"file:///a", u"mem:///a/b", false},
         {u"file://one/a", u"file://two/a/b", true},  // hosts are not compared
         {u"zip:file:///c.zip!/a", u"zip:file:///d.zip!/a/b", false},
-        {u"file:///c.zip", u"zip:file:///c.zip!/a", false},
         {u"file:///a/", u"file:///x/y", true},  // '/a/' is viewed as "/" (PathView)
     };
     for (const auto& [a, b, ancestor] : ancestry) {
@@ -205,9 +180,10 @@ TEST(StorageIRI, AncestryRelativeAndResolvedPaths) {
     }
     // The base gets a '/' whenever it is longer than "/": '/a/' is taken as the folder '/a//'.
     const std::tuple<ustring, ustring, ustring> relatives[] = {
-        {u"file:///a/b/c", u"file:///a", u"b/c"},          {u"file:///a/b/c", u"file:///a/", u"../b/c"},
-        {u"file:///a/b/c", u"file:///", u"a/b/c"},         {u"file:///a/b/c/d", u"file:///a/b/x", u"../c/d"},
-        {u"file:///a/b", u"file:///a/b", u"../b"},         {u"zip:file:///c.zip!/a/b", u"zip:file:///c.zip!/a", u"b"},
+        {u"file:///a/b/c", u"file:///a/", u"../b/c"},
+        {u"file:///a/b/c/d", u"file:///a/b/x", u"../c/d"},
+        {u"file:///a/b", u"file:///a/b", u"../b"},
+        {u"zip:file:///c.zip!/a/b", u"zip:file:///c.zip!/", u"a/b"},
     };
     for (const auto& [path, base, relative] : relatives) {
         EXPECT_EQ(StorageIRI(path).makePathRelativeTo(StorageIRI(base)), relative) << utf8(path) << utf8(base);
@@ -216,25 +192,16 @@ TEST(StorageIRI, AncestryRelativeAndResolvedPaths) {
         [] { StorageIRI(u"zip:file:///c.zip!/a").makePathRelativeTo(StorageIRI(u"zip:file:///d.zip!/a")); },
         "Can not make relative path between zip:file:///c.zip!/a and zip:file:///d.zip!/a as they don't have "
         "a common root.");
-    const std::pair<ustring, ustring> resolved[] = {
-        {u"file:///a/./b/../c", u"/a/c"}, {u"file:///a/b/../", u"/a"},  {u"file:///../../a", u"/a"},
-        {u"file:///", u"/"},              {u"file://host", u""},        {u"file:///a%20b/./c%25", u"/a b/c%"},
-        {u"zip:file:///c.zip!/a/../b", u"/b"},
-    };
-    for (const auto& [text, path] : resolved) {
-        EXPECT_EQ(StorageIRI(text).getResolvedPath(), path) << utf8(text);
-        EXPECT_EQ(StorageIRI(text).getResolvedIRI().getPath(), path) << utf8(text);
-    }
+    EXPECT_EQ(StorageIRI(u"file:///../a/./b/../c%25/").getResolvedIRI(), StorageIRI(u"file:///a/c%25"));
+    EXPECT_EQ(StorageIRI(u"zip:file:///c.zip!/a/../b").getResolvedPath(), u"/b");
 }
 
 TEST(StorageIRI, MalformedTextRaisesTheDocumentedFailures) {
     const std::pair<ustring, std::string> rows[] = {
         {u"a/b", "IRI 'a/b' is not absolute."},
-        {u"", "IRI '' is not absolute."},
         {u"s:file:///c.zip",
          "Invalid container-style storage IRI 's:file:///c.zip'. Expected to find a '!' to begin the path section."},
         {u"s:file:///c.zip!a", "Invalid container-style storage IRI 's:file:///c.zip!a'. Path should begin with a '/'."},
-        {u"s:file:///c.zip!", "Invalid container-style storage IRI 's:file:///c.zip!'. Path should begin with a '/'."},
         {u"s:file://host!/a", "IRI 's:file://host!/a' does not have an absolute path component on the inner IRI."},
         {u"s:rel!/a", "IRI 'rel' is not absolute."},
         {nested(33), "Invalid container-style storage IRI '" + utf8(nested(33)) +
@@ -247,15 +214,10 @@ TEST(StorageIRI, MalformedTextRaisesTheDocumentedFailures) {
     }
     // Text the IRI parser refuses keeps the parser's exception type.
     EXPECT_THROW(StorageIRI(u"http://[::1/x"), std::invalid_argument);
-    EXPECT_THROW(StorageIRI(std::shared_ptr<detail::StorageIRIImpl>()), std::invalid_argument);
     expectThrow<LogicFailure>([] { StorageIRI(u"file:///a").getInnerIRI(); }, "IRI does not have an inner IRI.");
-    const StorageIRI container(u"s:t:file:///x.zip!/y.zip!/z");
     expectThrow<std::logic_error>(
-        [&] { container.getHost(); },
-        "StorageIRI s:t:file:///x.zip!/y.zip!/z is container based so by definition has no host.");
-    expectThrow<std::logic_error>([&] { container.toUPath(); },
-                                  "Can not extract a file system path from StorageIRI s:t:file:///x.zip!/y.zip!/z "
-                                  "as it represents a location inside a container.");
+        [] { StorageIRI(u"s:file:///x.zip!/z").getHost(); },
+        "StorageIRI s:file:///x.zip!/z is container based so by definition has no host.");
 }
 
 // A container's path is escaped in its text ('!' too, since the last '!' splits the text) and
@@ -263,7 +225,6 @@ TEST(StorageIRI, MalformedTextRaisesTheDocumentedFailures) {
 TEST(StorageIRI, ContainerBuiltFromPartsParsesBack) {
     const StorageIRI inner(u"file", Path(u"/my archive.zip"));
     const std::pair<ustring, ustring> rows[] = {
-        {u"/a/b", u"zip:file:///my%20archive.zip!/a/b"},
         {u"/", u"zip:file:///my%20archive.zip!/"},
         {u"/x!/y", u"zip:file:///my%20archive.zip!/x%21/y"},
         {u"/100% sure?#", u"zip:file:///my%20archive.zip!/100%25%20sure%3F%23"},
@@ -273,40 +234,17 @@ TEST(StorageIRI, ContainerBuiltFromPartsParsesBack) {
         const StorageIRI built(u"zip", inner, path);
         EXPECT_EQ(built.toString(), text) << utf8(path);
         const StorageIRI parsed(built.toAsciiString());
-        EXPECT_EQ(parsed.getPath(), built.getPath()) << utf8(path);
+        EXPECT_EQ(parsed.getPath(), path) << utf8(path);
         EXPECT_EQ(parsed.getInnerIRI(), inner) << utf8(path);
         EXPECT_TRUE(parsed == built && parsed.hashValue() == built.hashValue()) << utf8(path);
     }
-    const StorageIRI middle(u"zip", inner, u"/in!ner.zip");
-    EXPECT_EQ(StorageIRI(StorageIRI(u"zip", middle, u"/x").toString()).getInnerIRI().getPath(), u"/in!ner.zip");
     EXPECT_EQ(StorageIRI(u"zip", inner, u"/a!/b").getParent().getPath(), u"/a!/");
-
     expectThrow<ParseFailure>([&] { StorageIRI(u"zip", inner, u"a"); },
                               "Invalid container-style storage IRI 'zip:file:///my%20archive.zip!a'. Path should "
                               "begin with a '/'.");
-    expectThrow<ParseFailure>([] { StorageIRI(u"zip", StorageIRI(u"mem://host"), u"/a"); },
-                              "IRI 'zip:mem://host!/a' does not have an absolute path component on the inner IRI.");
-    expectThrow<ParseFailure>([&] { StorageIRI(u"", inner, u"/a"); },
-                              "IRI ':file:///my%20archive.zip!/a' is not absolute.");
     expectThrow<ParseFailure>([] { StorageIRI(u"s", StorageIRI(nested(32)), u"/c"); },
                               "Invalid container-style storage IRI 's:" + utf8(nested(32)) +
                                   "!/c'. Containers nest at most 32 levels deep.");
-}
-
-TEST(StorageIRI, PathFormComparesAsTheFileSystemDoes) {
-    auto at = [](const ustring& path) { return StorageIRI(u"file", Path(path)); };
-    EXPECT_NE(at(u"/a/b"), at(u"/a//b"));
-    // Element order: '/a/b' before '/a.b', though '.' sorts before '/' in the text, which
-    // decides against another form.
-    EXPECT_TRUE(at(u"/a/b") < at(u"/a.b") && !(at(u"/a.b") < at(u"/a/b")));
-    EXPECT_TRUE(at(u"/a.b") < StorageIRI(u"file:///a/b"));
-    EXPECT_FALSE(at(u"/").hasParent() || at(u"").hasParent());
-    EXPECT_TRUE(at(u"a").hasParent());  // a relative path is not its own (empty) root
-    EXPECT_EQ(at(u"/a").getParent().toUPath(), Path(u"/"));
-    EXPECT_EQ(StorageIRI(at(u"/a"), u"b c").toUPath(), Path(u"/a/b c"));
-    EXPECT_EQ(at(u"/x%y").toIRI().getPath(), u"/x%y");
-    EXPECT_EQ(at(u"a/b").toString(), u"file:///a/b");
-    EXPECT_EQ(StorageIRI(u"file://server/share/x").toUPath(), Path(u"//server/share/x"));
 }
 
 // Parsing the deepest allowed nesting, by either parser, fits a small thread stack.
@@ -328,15 +266,14 @@ TEST(StorageIRI, DeepestNestingParsesOnASmallStack) {
     EXPECT_TRUE(parsed);
 }
 
-// Threads racing for the cached values of fresh locations, each asking in another order, all
-// get the same objects.
+// Threads racing for the cached values of fresh locations of each form, each thread asking in
+// another order, all get the same objects.
 TEST(StorageIRI, ManyThreadsReadOneFreshLocation) {
     for (int round = 0; round < 20; ++round) {
-        const std::vector<StorageIRI> fresh = {StorageIRI(u"zip:file:///ü/a.zip!/x/./y/z"),
-                                               StorageIRI(u"file", Path(u"/ü/x/./y/z")),
-                                               StorageIRI(StorageIRI(u"file:///ü"), u"x/./y/z")};
-        constexpr std::size_t kValues = 7;
-        std::vector<std::vector<const void*>> seen(9, std::vector<const void*>(fresh.size() * kValues));
+        const StorageIRI fresh[] = {StorageIRI(u"zip:file:///ü/a.zip!/x/./y/z"),
+                                    StorageIRI(u"file", Path(u"/ü/x/y")),
+                                    StorageIRI(StorageIRI(u"file:///ü"), u"x/./y/z")};
+        std::vector<std::vector<const void*>> seen(6);
         std::atomic<bool> go{false};
         std::vector<std::thread> threads;
         for (std::size_t i = 0; i < seen.size(); ++i) {
@@ -344,22 +281,17 @@ TEST(StorageIRI, ManyThreadsReadOneFreshLocation) {
                 while (!go.load()) {
                     std::this_thread::yield();
                 }
-                for (std::size_t f = 0; f < fresh.size(); ++f) {
-                    const StorageIRI copy = fresh[f];  // copies share the cached values
-                    const void** out = &seen[i][f * kValues];
-                    std::vector<std::function<void()>> steps = {
-                        [&] { out[0] = &copy.toString(); },
-                        [&] { out[1] = &fresh[f].toAsciiString(); },
-                        [&] { out[2] = &copy.getName(); },
-                        [&] { out[3] = &fresh[f].getResolvedPath(); },
-                        [&] { out[4] = copy.getParent().impl().get(); },
-                        [&] { out[5] = &fresh[f].getPath(); },
-                        [&] { out[6] = reinterpret_cast<const void*>(copy.hashValue()); },
+                for (const StorageIRI& iri : fresh) {
+                    std::vector<std::function<const void*()>> values = {
+                        [&] { return &iri.toString(); },        [&] { return &iri.toAsciiString(); },
+                        [&] { return &iri.getName(); },         [&] { return &iri.getResolvedPath(); },
+                        [&] { return iri.getParent().impl().get(); }, [&] { return &iri.getPath(); },
                     };
-                    std::rotate(steps.begin(), steps.begin() + long(i % kValues), steps.end());
-                    for (const auto& step : steps) {
-                        step();
+                    std::rotate(values.begin(), values.begin() + long(i), values.end());
+                    for (const auto& value : values) {
+                        seen[i].push_back(value());
                     }
+                    std::rotate(seen[i].end() - long(values.size()), seen[i].end() - long(i), seen[i].end());
                 }
             });
         }
@@ -370,8 +302,6 @@ TEST(StorageIRI, ManyThreadsReadOneFreshLocation) {
         for (const auto& s : seen) {
             EXPECT_EQ(s, seen.front());
         }
-        EXPECT_EQ(fresh[0].getResolvedPath(), u"/x/y/z");
-        EXPECT_EQ(fresh[2].getParent().toString(), u"file:///ü/x/./y");
     }
 }
 
