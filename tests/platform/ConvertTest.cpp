@@ -23,9 +23,7 @@ TEST(Convert, ConvertsAndKeepsBytesThatAreNotUtf8) {
         {"\xf0\x9f\x98", u"\xdcf0\xdc9f\xdc98", true},  // truncated sequence
         {"\xed\xa0\x80", u"\xdced\xdca0\xdc80", true},  // encoded surrogate
         {"\xc0\xaf", u"\xdcc0\xdcaf", true},            // overlong '/'
-        {"caf\xc3\xa9\xe9", u"caf\u00e9\xdce9", true},
         {"a\xef\xbf\xbd", u"a\xd800", false},
-        {"\xef\xbf\xbdx", u"\xdc00x", false},
         {"\xc3\xa9", u"\xdcc3\xdca9", false},  // escapes that spell a character are its bytes
     };
     for (const auto& [utf8, utf16, both] : rows) {
@@ -69,7 +67,6 @@ TEST(DecodeURL, DecodesInPlace) {
         {u"a%20b%2Fc%2f", true, u"a b/c/"},
         {u"%C3%BC%c3%bc", true, u"\u00fc\u00fc"},
         {u"%C3%BC", false, u"\u00c3\u00bc"},
-        {u"%F0%9F%98%80!", true, u"\U0001F600!"},
         {u"%C3(", true, u"\xdcc3("},
         {u"%C3\u00fc%BC", true, u"\xdcc3\u00fc\xdcbc"},  // a character between escapes ends the run
         {u"100%", true, u"100%"},
