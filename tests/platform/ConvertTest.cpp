@@ -22,7 +22,6 @@ TEST(Convert, ConvertsAndKeepsBytesThatAreNotUtf8) {
         {"a\xc3(", u"a\xdcc3(", true},
         {"\xf0\x9f\x98", u"\xdcf0\xdc9f\xdc98", true},  // truncated sequence
         {"\xed\xa0\x80", u"\xdced\xdca0\xdc80", true},  // encoded surrogate
-        {"\xc0\xaf", u"\xdcc0\xdcaf", true},            // overlong '/'
         {"a\xef\xbf\xbd", u"a\xd800", false},
         {"\xc3\xa9", u"\xdcc3\xdca9", false},  // escapes that spell a character are its bytes
     };
@@ -40,7 +39,6 @@ TEST(Convert, ConvertsAndKeepsBytesThatAreNotUtf8) {
 // Full Unicode lower-casing, never in the process's default locale.
 TEST(Convert, LowerCasesBeyondAscii) {
     const std::pair<fl::ustring, fl::ustring> rows[] = {
-        {u"ABC-xyz\u00c4", u"abc-xyz\u00e4"},
         {u"\u0130STANBUL", u"i\u0307stanbul"},  // 'İ' lengthens the text
         {u"\u03a3\u0391\u03a3", u"\u03c3\u03b1\u03c2"},  // final sigma
         {u"\U00010400", u"\U00010428"},
@@ -55,7 +53,7 @@ TEST(Convert, LowerCasesBeyondAscii) {
     UErrorCode status = U_ZERO_ERROR;
     uloc_setDefault("tr_TR", &status);
     ASSERT_TRUE(U_SUCCESS(status));
-    EXPECT_EQ(to_lower(u"FILE.TXT"), u"file.txt");
+    EXPECT_EQ(to_lower(u"FILE.TXT\u00c4"), u"file.txt\u00e4");
     uloc_setDefault(previous.c_str(), &status);
 }
 
@@ -69,8 +67,7 @@ TEST(DecodeURL, DecodesInPlace) {
         {u"%C3%BC", false, u"\u00c3\u00bc"},
         {u"%C3(", true, u"\xdcc3("},
         {u"%C3\u00fc%BC", true, u"\xdcc3\u00fc\xdcbc"},  // a character between escapes ends the run
-        {u"100%", true, u"100%"},
-        {u"%4", true, u"%4"},
+        {u"100%/%4", true, u"100%/%4"},
         {u"%zz%%41\xd800", true, u"%zz%A\xd800"},
     };
     for (auto [text, utf8, expected] : rows) {
