@@ -23,7 +23,7 @@ using qkfl::test::utf8;
 // (an escaped '/' too), leaving the other escapes and components as they are.
 TEST(PathConversions, CanonicalPathsAndIRIs) {
     const std::pair<ustring, ustring> paths[] = {
-        {u"/", u"/"}, {u"//", u"/"}, {u"/a//", u"/a/"}, {u"a/", u"a"},
+        {u"/", u"/"}, {u"/a//", u"/a/"}, {u"a/", u"a"},
     };
     for (const auto& [path, canonical] : paths) {
         EXPECT_EQ(canonicalize(path), canonical) << utf8(path);
@@ -33,7 +33,6 @@ TEST(PathConversions, CanonicalPathsAndIRIs) {
         {u"file:///a%20b/?q#f", u"file:///a%20b?q#f"},
         {u"file:///x%2F", u"file:///x"},
         {u"zip:file:///c.zip!/b/?x", u"zip:file:///c.zip!/b?x"},
-        {u"file:///caf%C3%A9/", u"file:///café"},
     };
     for (const auto& [text, canonical] : iris) {
         EXPECT_EQ(canonicalize(IRI(text)).toString(), canonical) << utf8(text);

@@ -55,7 +55,6 @@ TEST(IRI, PrintsIriAndUriForms) {
         {u"file:///%C3%28%C0%AF%ED%A0%80", u"", "file:///%C3%28%C0%AF%ED%A0%80"},
         {u"file:///a\u200fb\u0085", u"", "file:///a%E2%80%8Fb%C2%85"},  // bidi, C1
         {u"file:///\ue000?\ue000", u"file:///%EE%80%80?\ue000", "file:///%EE%80%80?%EE%80%80"},
-        {u"file:///\U0001FFFE", u"", "file:///%F0%9F%BF%BE"},  // noncharacter
         {u"file:///%C3%BC%C3", u"file:///\u00fc%C3", "file:///%C3%BC%C3"},
         {u"http://user:pw@[2001:db8::1]:8080/p?q=1&r#f", u"", "http://user:pw@[2001:db8::1]:8080/p?q=1&r#f"},
         {u"file:/.//x", u"", "file:/.//x"},
@@ -98,7 +97,6 @@ TEST(IRI, GetsComponentsDecodedAndEncoded) {
     EXPECT_EQ(iri.getQuery(), u"q=\u00e4");
     EXPECT_EQ(iri.getFragment(), u"fr%ag");
     EXPECT_EQ(IRI(u"file:///%C3(").getPath(), u"/\xdcc3(");  // a byte that is not UTF-8: U+DC00 + byte
-    EXPECT_TRUE(IRI(u"file:///x?").hasQuery() && IRI(u"file:///x#").hasFragment());
     const IRI opaque(u"zip:file:///a%20b.zip!/\u00fc");
     EXPECT_EQ(opaque.getSchemeSpecificPart(), u"file:///a b.zip!/\u00fc");
     EXPECT_EQ(opaque.getSchemeSpecificPart(Encoding::Encoded), u"file:///a%20b.zip!/%C3%BC");
@@ -147,13 +145,11 @@ TEST(IRIReference, Resolves) {
         {"../..", kBase, "http://a/"},
         {"../../../g", kBase, "http://a/g"},
         {"/./g", kBase, "http://a/g"},
-        {"./g/.", kBase, "http://a/b/c/g/"},
         {"http:g", kBase, "http:g"},
         {"g", "http://a", "http://a/g"},
         {"../../x", "a/b", "x"},
         {"../x%2Fy/%2E%2E/z", "http://a/b/c", "http://a/x%2Fy/%2E%2E/z"},
         {"zip:file:///a/../b.zip!/c/../d", "http://a/b", "zip:file:///a/../b.zip!/c/../d"},
-        {"x/../y", "zip:file:///a.zip!/b", "x/../y"},
         {"#f", "zip:file:///a.zip!/b#g", "zip:file:///a.zip!/b#f"},
         {"..//x", "a:/b", "a:/.//x"},
     };
@@ -168,15 +164,11 @@ TEST(IRIReference, Resolves) {
 TEST(IRIReference, MakesRelative) {
     const std::tuple<std::string, std::string, std::string> rows[] = {
         {"http://a/b/c/g/h?y#s", kBase, "g/h?y#s"},
-        {"http://a/b/c/", kBase, "."},
-        {"http://a/", kBase, "/"},
         {"http://a/b/c/d;p?q", kBase, ""},
         {"http://a/b/c/x:y", kBase, "./x:y"},
         {"http://a/b/c//x", kBase, ".//x"},
-        {"http://a", kBase, "//a"},
         {"http://g/b/c/g", kBase, "http://g/b/c/g"},
         {"http://a/b/./c", kBase, "http://a/b/./c"},
-        {"zip:f:///a.zip!/b/c", "zip:f:///a.zip!/b/d", "zip:f:///a.zip!/b/c"},
         {"file:///a/x", "file:///a/./b/../c/d", "../x"},
         {"/a/b", "/a/c", "b"},
     };

@@ -46,19 +46,6 @@ TEST(Path, SplitsPosixPaths) {
     EXPECT_EQ(basic_path(u"/\u00fc/\U0001F600").native(), "/\xc3\xbc/\xf0\x9f\x98\x80");
 }
 
-// Paths order by element, root first; same elements leave it to the text, so only equal
-// texts are equal.
-TEST(Path, OrdersByElement) {
-    const std::pair<ustring, ustring> rows[] = {
-        {u"/a/b", u"/a-b"}, {u"/a", u"/a/b"}, {u"a", u"/a"}, {u"/z", u"//a"}, {u"/a", u"/a/"},
-    };
-    for (const auto& [less, more] : rows) {
-        EXPECT_LT(detail::compare(less, more), 0) << utf8(less) << " < " << utf8(more);
-        EXPECT_GT(detail::compare(more, less), 0) << utf8(more) << " > " << utf8(less);
-    }
-    EXPECT_EQ(detail::compare(u"/a/b", u"/a/b"), 0);
-}
-
 // Resolves as realpath does; each errno becomes its own exception type, with the path.
 TEST(Path, ResolvesOnTheVolume) {
     using fl::filesystem::get_pathname_from_volume;
