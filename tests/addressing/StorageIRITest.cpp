@@ -1,6 +1,5 @@
 #include "storage/provider/StorageIRI.h"
 
-#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <stdexcept>
@@ -248,7 +247,8 @@ TEST(StorageIRI, ManyThreadsReadOneFreshLocation) {
         const StorageIRI fresh[] = {StorageIRI(u"zip:file:///ü/a.zip!/x/./y/z"),
                                     StorageIRI(u"file", Path(u"/ü/x/y")),
                                     StorageIRI(StorageIRI(u"file:///ü"), u"x/./y/z")};
-        std::vector<std::vector<const void*>> seen(6);
+        constexpr std::size_t kValues = 6;
+        std::vector<std::vector<const void*>> seen(kValues, std::vector<const void*>(std::size(fresh) * kValues));
         std::atomic<bool> go{false};
         std::vector<std::thread> threads;
         for (std::size_t i = 0; i < seen.size(); ++i) {
@@ -256,17 +256,16 @@ TEST(StorageIRI, ManyThreadsReadOneFreshLocation) {
                 while (!go.load()) {
                     std::this_thread::yield();
                 }
-                for (const StorageIRI& iri : fresh) {
-                    std::vector<std::function<const void*()>> values = {
+                for (std::size_t f = 0; f < std::size(fresh); ++f) {
+                    const StorageIRI& iri = fresh[f];
+                    const std::function<const void*()> values[kValues] = {
                         [&] { return &iri.toString(); },        [&] { return &iri.toAsciiString(); },
                         [&] { return &iri.getName(); },         [&] { return &iri.getResolvedPath(); },
-                        [&] { return iri.getParent().impl().get(); }, [&] { return &iri.getPath(); },
+                        [&] { return &iri.getPath(); },         [&] { return iri.getParent().impl().get(); },
                     };
-                    std::rotate(values.begin(), values.begin() + long(i), values.end());
-                    for (const auto& value : values) {
-                        seen[i].push_back(value());
+                    for (std::size_t k = 0; k < kValues; ++k) {
+                        seen[i][f * kValues + (i + k) % kValues] = values[(i + k) % kValues]();
                     }
-                    std::rotate(seen[i].end() - long(values.size()), seen[i].end() - long(i), seen[i].end());
                 }
             });
         }
