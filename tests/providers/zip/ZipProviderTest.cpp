@@ -1,15 +1,13 @@
-// The zip provider: its run of the conformance suite (in memory, on disk, nested), and what only
+// The zip provider: its run of the conformance suite (in memory, nested), and what only
 // an archive shows: what zip tools record, its own wildcards, seeks in compressed entries, a
 // container read once and noticed when it changes, archives within archives.
 
 #include "storage/provider/zip/ZipProvider.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
-#include <thread>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <gtest/gtest.h>
@@ -88,16 +86,7 @@ INSTANTIATE_TEST_SUITE_P(
                                 return std::pair{std::shared_ptr<IProvider>(std::make_shared<ZipProvider>(
                                                      StorageItem(outer.provider, inner))),
                                                  ziptest::zipLocation(inner, "/work")};
-                            }),
-                    zipCase("zip on disk", [](const Tree& tree) {
-                        static ziptest::TempFolder folder;
-                        static int count = 0;
-                        const StorageIRI file = folder.location("t" + std::to_string(++count) + ".zip");
-                        auto local = std::make_shared<local::LocalProvider>();
-                        ziptest::put(*local, file, archiveOf(tree, Method::Deflated, true));
-                        return std::pair{std::shared_ptr<IProvider>(std::make_shared<ZipProvider>(StorageItem(local, file))),
-                                         ziptest::zipLocation(file, "/work")};
-                    })));
+                            })));
 
 // The reason in the contexts of the Exception that `action` throws.
 std::string reasonOf(const std::function<void()>& action) {
@@ -284,29 +273,6 @@ TEST(ZipProvider, PollsSurviveTheArchiveDamagedOrRemoved) {
     EXPECT_EQ(events.waitFor(2), (std::vector<std::string>{"FolderChanged / folder", "EntryAdded /two.txt file"}));
     archive.store->removeFile(archive.container.getLocation());
     EXPECT_EQ(events.waitFor(1), std::vector<std::string>{"FolderVanished / folder"});
-}
-
-TEST(ZipProvider, ReadsWhileInvalidated) {
-    const std::string text = ziptest::sampleText(30000);
-    const auto archive = ziptest::inMemory(
-        ziptest::ZipBuilder().file("a.txt", text).file("s/b.txt", text, Method::Stored).bytes());
-    std::atomic<int> mismatches{0};
-    std::atomic<bool> done{false};
-    std::vector<std::thread> readers;
-    for (int t = 0; t < 3; ++t) {
-        readers.emplace_back([&] {
-            for (int i = 0; i < 40; ++i) {
-                if (readAll(*archive.provider, archive.at(i % 2 ? "/a.txt" : "/s/b.txt")) != text) ++mismatches;
-            }
-        });
-    }
-    std::thread invalidator([&] {
-        while (!done) invalidateProvider(StorageItem(archive.provider, archive.at("/a.txt")));
-    });
-    for (std::thread& reader : readers) reader.join();
-    done = true;
-    invalidator.join();
-    EXPECT_EQ(mismatches.load(), 0);
 }
 
 // a.zip on disk holds b.zip (stored), which holds c.zip (deflated), which holds the files:

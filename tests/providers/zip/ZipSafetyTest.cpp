@@ -1,11 +1,10 @@
 // Hostile and damaged archives: names that try to leave the archive or to cost far more than
 // their bytes, sizes and counts an archive cannot hold, entries that break their declarations,
-// and every truncation and flipped byte of a small archive.
+// and every truncation of a small archive (the fuzz target flips its bytes).
 
 #include "storage/provider/zip/ZipProvider.h"
 
 #include <functional>
-#include <optional>
 
 #include <gtest/gtest.h>
 
@@ -59,42 +58,6 @@ std::string withZip64Count(const std::string& archive, std::uint64_t entries) {
     ziptest::putLittle(endRecord, 12, 4, 0xFFFFFFFF);
     ziptest::putLittle(endRecord, 16, 4, 0xFFFFFFFF);
     return archive.substr(0, layout.endRecord) + end64 + locator + endRecord;
-}
-
-// Lists and reads everything in `bytes`: whatever fails must fail with IOError (or
-// UnsupportedOperation for an entry libzip cannot decode), never otherwise.
-void readEverything(const std::string& bytes, const std::string& what) {
-    const auto archive = ziptest::inMemory(bytes);
-    std::vector<ustring> names;
-    try {
-        auto listing = archive.provider->listAllRecursive(archive.at("/"));
-        while (listing->hasNext()) {
-            listing->next();
-            if (listing->get().isFile()) names.push_back(listing->get().getName());
-        }
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.getErrorCode(), ErrorCode::IOError) << what;
-        EXPECT_EQ(e.getStorageIRI(), archive.at("/")) << what;
-        return;
-    }
-    for (const ustring& name : names) {
-        std::optional<StorageIRI> location;
-        try {
-            location.emplace(archive.at("/"), name);
-        } catch (const std::exception&) {
-            continue;  // a damaged name that no location can spell
-        }
-        if (location->getPath() != u"/" + name) continue;
-        try {
-            archive.provider->getFileAttributes(*location);
-            readAll(*archive.provider, *location);
-        } catch (const ByteStreamFailure& e) {
-            EXPECT_EQ(e.getErrorCode(), ErrorCode::IOError) << what << ": " << e.what();
-        } catch (const Exception& e) {
-            EXPECT_TRUE(e.getErrorCode() == ErrorCode::IOError || e.getErrorCode() == ErrorCode::UnsupportedOperation)
-                << what << ": " << e.getErrorCode();
-        }
-    }
 }
 
 TEST(ZipSafety, EntryNamesStayInsideTheArchiveAndTheFirstClaimWins) {
@@ -228,7 +191,7 @@ TEST(ZipSafety, EntriesThatBreakTheirDeclarations) {
     }
 }
 
-TEST(ZipSafety, CorruptAndTruncatedArchivesFailCleanly) {
+TEST(ZipSafety, TruncatedArchivesFailCleanly) {
     const std::string bytes = ziptest::ZipBuilder()
                                   .file("one.txt", "the first entry, deflated, deflated, deflated")
                                   .file("dir/two.txt", "stored", Method::Stored)
@@ -238,14 +201,6 @@ TEST(ZipSafety, CorruptAndTruncatedArchivesFailCleanly) {
         const auto archive = ziptest::inMemory(bytes.substr(0, size));
         expectError(ErrorCode::IOError, archive.at("/"), [&] { archive.provider->listAll(archive.at("/")); });
     }
-    for (std::size_t at = 0; at < bytes.size(); ++at) {
-        for (const unsigned char mask : {0x01, 0x80, 0xFF}) {
-            std::string damaged = bytes;
-            damaged[at] = static_cast<char>(damaged[at] ^ mask);
-            readEverything(damaged, "byte " + std::to_string(at));
-        }
-    }
-    readEverything(ziptest::sampleText(5000) + "PK\5\6" + std::string(18, '\xFF'), "garbage");
 }
 
 }  // namespace
