@@ -14,6 +14,7 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -48,19 +49,7 @@ const ByteStreamOpenOptions kReplace{ByteStreamAccess::ReadWrite, ByteStreamCrea
                                      ByteStreamTruncate::TruncateExisting, ByteStreamAppend::Overwrite};
 
 // What the user set on a file: permission bits, owner, group, extended attributes.
-struct Metadata {
-    mode_t mode = 0;
-    uid_t uid = 0;
-    gid_t gid = 0;
-    std::map<std::string, std::string> attributes;
-    bool operator==(const Metadata&) const = default;
-};
-
-std::ostream& operator<<(std::ostream& out, const Metadata& m) {
-    out << std::oct << m.mode << std::dec << ' ' << m.uid << ':' << m.gid;
-    for (const auto& [name, value] : m.attributes) out << ' ' << name << '(' << value.size() << ')';
-    return out;
-}
+using Metadata = std::tuple<mode_t, uid_t, gid_t, std::map<std::string, std::string>>;
 
 Metadata metadataOf(const std::string& path) {
     struct stat st {};
@@ -71,7 +60,7 @@ Metadata metadataOf(const std::string& path) {
     for (ssize_t at = 0; at < n; at += static_cast<ssize_t>(std::strlen(names + at)) + 1) {
         char value[4096];
         const ssize_t size = ::getxattr(path.c_str(), names + at, value, sizeof value);
-        m.attributes[names + at] = std::string(value, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+        std::get<3>(m)[names + at] = std::string(value, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
     }
     return m;
 }
@@ -248,7 +237,7 @@ TEST_F(LocalReplaceTest, RefusesWhatAnOrdinaryUserCouldNotWriteInPlace) {
         if (!outcome) GTEST_SKIP() << "needs root to become nobody";
         EXPECT_EQ(*outcome, row.outcome);
         EXPECT_EQ(readFile(folder + "/doc"), outcome == std::string("done") ? "new" : "old");
-        EXPECT_EQ(metadataOf(folder + "/doc").uid, row.owner);
+        EXPECT_EQ(std::get<1>(metadataOf(folder + "/doc")), row.owner);
         expectNoScratch(folder);
     }
 }
@@ -264,6 +253,39 @@ TEST_F(LocalReplaceTest, AfterAFailedFlushOnlyAbortRemains) {
     testsupport::expectError(ErrorCode::IOError, doc, [&] { stream->close(StreamClosePolicy::Commit); });
     EXPECT_EQ(readFile(folder + "/doc"), "old");
     stream->close(StreamClosePolicy::Abort);
+    expectNoScratch(folder);
+}
+
+// Until the commit readers see the old file; an abort, a destroyed stream or an interrupted
+// copy leaves it and no scratch file; a commit that fails leaves only the abort.
+TEST_F(LocalReplaceTest, ReplacesOnlyOnCommit) {
+    const std::string folder = caseFolder("commit");
+    const StorageIRI doc = test::fileIRI(folder + "/doc");
+    auto stream = provider_->openTransactionalStream(doc, kReplace);
+    stream->write("new", 3);
+    EXPECT_EQ(readFile(folder + "/doc"), "old");
+    stream.reset();
+    EXPECT_EQ(readFile(folder + "/doc"), "old");
+
+    const std::string big(10 << 20, 'n');
+    writeFile(folder + "/new", big);
+    for (const auto signal : {InterruptSignal::Abort, InterruptSignal::Continue}) {
+        int asked = 0;
+        const auto status = provider_->copyFileAtomic(test::fileIRI(folder + "/new"), doc, ReplacementPolicy::Overwrite,
+                                                      [&] {
+                                                          ++asked;
+                                                          return signal;
+                                                      });
+        EXPECT_EQ(status, signal == InterruptSignal::Abort ? TransactionStatus::Aborted : TransactionStatus::Completed);
+        EXPECT_EQ(asked, signal == InterruptSignal::Abort ? 1 : 2) << "asked before each further 4 MiB";
+    }
+    EXPECT_EQ(readFile(folder + "/doc"), big);
+
+    auto doomed = provider_->openTransactionalStream(test::fileIRI(folder + "/doomed"), kReplace);
+    ::mkdir((folder + "/doomed").c_str(), 0755);
+    writeFile(folder + "/doomed/occupant", "o");
+    EXPECT_EQ(errorOf([&] { doomed->close(StreamClosePolicy::Commit); }), ErrorCode::InvalidLocation);
+    doomed->close(StreamClosePolicy::Abort);
     expectNoScratch(folder);
 }
 

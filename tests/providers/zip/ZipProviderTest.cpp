@@ -1,19 +1,21 @@
+// The zip provider: its run of the conformance suite (in memory, nested), and what only
+// an archive shows: what zip tools record, its own wildcards, seeks in compressed entries, a
+// container read once and noticed when it changes, archives within archives.
+
 #include "storage/provider/zip/ZipProvider.h"
 
-#include <atomic>
+#include <algorithm>
 #include <cstdlib>
-#include <ctime>
+#include <filesystem>
 #include <functional>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <gtest/gtest.h>
 
 #include "ZipTestSupport.h"
+#include "conformance/ProviderConformance.h"
 #include "fl/i18n/convert.h"
-#include "storage/provider/Exception.h"
+#include "storage/provider/local/LocalProvider.h"
 #include "storage/provider/memory/MemoryProvider.h"
 #include "support/FakeFolder.h"
 #include "support/InstrumentedProvider.h"
@@ -21,40 +23,72 @@
 namespace foundation::storage::provider::zip {
 namespace {
 
+using conformance::ProviderConformance;
+using conformance::Tree;
+using testsupport::errorOf;
+using testsupport::expectError;
 using ziptest::Method;
 using ziptest::namesOf;
 using ziptest::readAll;
-using testsupport::errorOf;
-using testsupport::expectError;
 using Names = std::vector<std::string>;
 
-TEST(ZipProvider, AttributesComeFromTheArchive) {
-    const std::time_t older = ziptest::kTime - 86400 * 30;
-    const auto archive = ziptest::inMemory(ziptest::ZipBuilder()
-                                               .file("docs/report.txt", "twelve bytes", Method::Deflated, older)
-                                               .folder("docs/empty/", older + 2)
-                                               .file("top.bin", std::string(1000, 'x'))
-                                               .bytes());
-    const ZipProvider& zip = *archive.provider;
-
-    const FileAttributes report = zip.getFileAttributes(archive.at("/docs/report.txt"));
-    EXPECT_EQ(report.getSize(), 12U);
-    EXPECT_EQ(report.getLastModified(), boost::posix_time::from_time_t(older));
-    EXPECT_FALSE(report.isWritable());
-    EXPECT_EQ(zip.getFileAttributes(archive.at("/top.bin")).getSize(), 1000U) << "the size, not the compressed size";
-    EXPECT_EQ(zip.getFolderAttributes(archive.at("/docs/empty")).getLastModified(),
-              boost::posix_time::from_time_t(older + 2));
-
-    // docs/ has no entry of its own: it exists as a parent and carries the container's time.
-    const boost::posix_time::ptime containerTime = archive.container.getFileAttributes().getLastModified();
-    EXPECT_TRUE(zip.folderExists(archive.at("/docs")));
-    EXPECT_EQ(zip.getFolderAttributes(archive.at("/docs")).getLastModified(), containerTime);
-    EXPECT_EQ(zip.getFolderAttributes(archive.at("/")).getLastModified(), containerTime);
-    EXPECT_FALSE(zip.getFolderAttributes(archive.at("/docs")).isWritable());
-    EXPECT_EQ(namesOf(zip.listAll(archive.at("/docs"))), (Names{"empty/", "report.txt"}));
+// The tree under 'work/' of an archive: stored or deflated, and with a folder entry for
+// every folder or only for the folders that hold nothing (the others exist as parents).
+std::string archiveOf(const Tree& tree, Method method, bool folderEntries) {
+    ziptest::ZipBuilder builder;
+    if (folderEntries) builder.folder("work/");
+    for (const auto& [item, content] : tree) {
+        const std::string& path = item;  // clang 14 cannot capture a structured binding
+        const bool parent = std::any_of(tree.begin(), tree.end(), [&](const auto& other) {
+            return other.first.size() > path.size() && other.first.compare(0, path.size(), path) == 0;
+        });
+        if (path.back() != '/') {
+            builder.file("work/" + path, content, method);
+        } else if (folderEntries || !parent) {
+            builder.folder("work/" + path);
+        }
+    }
+    return builder.bytes();
 }
 
-// Names the reason in the contexts of the Exception that `action` throws.
+// `archive` makes the provider under test of a tree's archive and where its 'work/' is.
+conformance::ProviderCase zipCase(const std::string& name,
+                                  std::function<std::pair<std::shared_ptr<IProvider>, StorageIRI>(const Tree&)> archive) {
+    conformance::ProviderCase zipCase;
+    zipCase.name = name;
+    zipCase.capabilities = {.writable = false, .recursiveListing = true, .wildcardFiltering = true};
+    zipCase.makePopulatedProvider = [archive](const Tree& tree) {
+        auto [provider, root] = archive(tree);
+        return conformance::ProviderUnderTest{provider, root};
+    };
+    return zipCase;
+}
+
+conformance::ProviderCase inMemory(const std::string& name, Method method, bool folderEntries) {
+    return zipCase(name, [=](const Tree& tree) {
+        const auto archive = ziptest::inMemory(archiveOf(tree, method, folderEntries));
+        return std::pair{std::shared_ptr<IProvider>(archive.provider), archive.at("/work")};
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Zip, ProviderConformance,
+    testing::Values(inMemory("stored zip with folder entries", Method::Stored, true),
+                    inMemory("deflated zip with implicit folders", Method::Deflated, false),
+                    zipCase("zip in zip",
+                            [](const Tree& tree) {
+                                const auto outer = ziptest::inMemory(
+                                    ziptest::ZipBuilder()
+                                        .file("first.txt", "before")
+                                        .file("in/t.zip", archiveOf(tree, Method::Deflated, false), Method::Stored)
+                                        .bytes());
+                                const StorageIRI inner = outer.at("/in/t.zip");
+                                return std::pair{std::shared_ptr<IProvider>(std::make_shared<ZipProvider>(
+                                                     StorageItem(outer.provider, inner))),
+                                                 ziptest::zipLocation(inner, "/work")};
+                            })));
+
+// The reason in the contexts of the Exception that `action` throws.
 std::string reasonOf(const std::function<void()>& action) {
     try {
         action();
@@ -69,106 +103,61 @@ TEST(ZipProvider, ReadsWhatZipToolsRecord) {
     const std::string saved = zone ? zone : "";
     ::setenv("TZ", "Asia/Tokyo", 1);  // the DOS fields are local time, written and read here
     ::tzset();
+    const std::time_t older = ziptest::kTime - 86400 * 30;
     const std::string bytes = ziptest::ZipBuilder()
-                                  .file("dos.txt", "d", Method::Stored, ziptest::kTime)
+                                  .file("dos.txt", "d", Method::Stored, older)
                                   .file("ut.txt", "u", Method::Stored, ziptest::kTime)
                                   .extendedTime(ziptest::kTime + 1)
                                   .file("link", "dos.txt", Method::Stored)
                                   .unixMode(0120777)
                                   .file("secret.txt", "s")
+                                  .folder("docs/empty/", older + 2)
+                                  .file("top.bin", std::string(1000, 'x'))
                                   .bytes();
-    const auto archive = ziptest::inMemory(ziptest::withFlags(bytes, 3, 1));
-    auto attributes = [&](const std::string& path) { return archive.provider->getFileAttributes(archive.at(path)); };
-    EXPECT_EQ(attributes("/dos.txt").getLastModified(), boost::posix_time::from_time_t(ziptest::kTime));
+    const auto archive = ziptest::inMemory(ziptest::withField(bytes, 3, 8, 6, 2, 1));  // secret.txt encrypted
+    const ZipProvider& zip = *archive.provider;
+    auto attributes = [&](const std::string& path) { return zip.getFileAttributes(archive.at(path)); };
+    EXPECT_EQ(attributes("/dos.txt").getLastModified(), boost::posix_time::from_time_t(older));
     EXPECT_EQ(attributes("/ut.txt").getLastModified(), boost::posix_time::from_time_t(ziptest::kTime + 1));
+    EXPECT_EQ(zip.getFolderAttributes(archive.at("/docs/empty")).getLastModified(),
+              boost::posix_time::from_time_t(older + 2));
+    EXPECT_EQ(attributes("/top.bin").getSize(), 1000U) << "the size, not the compressed size";
     EXPECT_TRUE(attributes("/link").isSymlink());
     EXPECT_FALSE(attributes("/dos.txt").isSymlink());
-    auto listing = archive.provider->listFiles(archive.at("/"), u"link");
+    auto listing = zip.listFiles(archive.at("/"), u"link");
     ASSERT_TRUE(listing->hasNext());
     listing->next();
     EXPECT_TRUE(listing->get().getFileAttributes()->isSymlink());
-    EXPECT_EQ(reasonOf([&] { archive.provider->openReadOnlyStream(archive.at("/secret.txt")); }),
-              "the entry is encrypted");
+    // A folder without an entry of its own carries the container's time.
+    EXPECT_EQ(zip.getFolderAttributes(archive.at("/docs")).getLastModified(),
+              archive.container.getFileAttributes().getLastModified());
+    EXPECT_EQ(reasonOf([&] { zip.openReadOnlyStream(archive.at("/secret.txt")); }), "the entry is encrypted");
     const auto text = ziptest::inMemory(ziptest::sampleText(3000));
     EXPECT_EQ(reasonOf([&] { text.provider->listAll(text.at("/")); }), "not a zip archive");
     zone ? ::setenv("TZ", saved.c_str(), 1) : ::unsetenv("TZ");
     ::tzset();
 }
 
-TEST(ZipProvider, ListsInEveryForm) {
+TEST(ZipProvider, MatchesItsOwnWildcards) {
     const auto archive = ziptest::inMemory(ziptest::ZipBuilder()
-                                               .file("b.txt", "b")
                                                .file("a.txt", "a")
+                                               .file("b.txt", "b")
                                                .file("data.bin", "d")
-                                               .file("sub/x.txt", "x")
-                                               .file("sub/deep/y.txt", "y")
                                                .file("[set].txt", "s")
                                                .file("\xC3\xA9t\xC3\xA9.txt", "summer")
-                                               .folder("sub/deep/empty/")
+                                               .file("sub/deep/empty.txt", "e")
                                                .bytes());
-    const ZipProvider& zip = *archive.provider;
-    const StorageIRI root = archive.at("/");
-
-    auto check = [](std::unique_ptr<IFolderEntryIterator> listing, const Names& expected) {
-        EXPECT_EQ(namesOf(std::move(listing)), expected);
+    const std::pair<const char16_t*, Names> rows[] = {
+        {u"?.txt", {"a.txt", "b.txt"}},
+        {u"[ab].txt", {"a.txt", "b.txt"}},
+        {u"[!ab]*", {"[set].txt", "data.bin", "sub/", "\xC3\xA9t\xC3\xA9.txt"}},
+        {u"\\[set\\].txt", {"[set].txt"}},
+        {u"?t?.txt", {"\xC3\xA9t\xC3\xA9.txt"}},
     };
-    check(zip.listAll(root), {"[set].txt", "a.txt", "b.txt", "data.bin", "sub/", "\xC3\xA9t\xC3\xA9.txt"});
-    check(zip.listFiles(root, u"*.txt"), {"[set].txt", "a.txt", "b.txt", "\xC3\xA9t\xC3\xA9.txt"});
-    check(zip.listAll(root, u"?.txt"), {"a.txt", "b.txt"});
-    check(zip.listAll(root, u"[ab].txt"), {"a.txt", "b.txt"});
-    check(zip.listAll(root, u"[!ab]*"), {"[set].txt", "data.bin", "sub/", "\xC3\xA9t\xC3\xA9.txt"});
-    check(zip.listAll(root, u"\\[set\\].txt"), {"[set].txt"});
-    check(zip.listAll(root, u"?t?.txt"), {"\xC3\xA9t\xC3\xA9.txt"});
-    check(zip.listAll(root, u"s*"), {"sub/"});
-    check(zip.listFolders(root, u"*"), {"sub/"});
-    check(zip.listFilesNamesOnly(root, u"d*"), {"data.bin"});
-    check(zip.listFoldersNamesOnly(root), {"sub/"});
-    check(zip.listAllNamesOnly(archive.at("/sub")), {"deep/", "x.txt"});
-    check(zip.listAllRecursive(archive.at("/sub")), {"deep/", "deep/empty/", "deep/y.txt", "x.txt"});
-    check(zip.listAllRecursiveNamesOnly(archive.at("/sub"), u"*.txt"), {"deep/y.txt", "x.txt"});
-    check(zip.listAllRecursive(archive.at("/sub"), u"e*"), {"deep/empty/"});
-
-    // Names only carry no attributes; the full forms carry the entry's.
-    auto names = zip.listFilesNamesOnly(archive.at("/sub"));
-    ASSERT_TRUE(names->hasNext());
-    names->next();
-    EXPECT_FALSE(names->get().getFileAttributes().has_value());
-    auto full = zip.listFiles(archive.at("/sub/deep"));
-    ASSERT_TRUE(full->hasNext());
-    full->next();
-    ASSERT_TRUE(full->get().getFileAttributes().has_value());
-    EXPECT_EQ(full->get().getFileAttributes()->getSize(), 1U);
-
-    auto counted = zip.listAll(root);
-    EXPECT_EQ(counted->remainingHint(), std::optional<std::size_t>(6));
-    counted->next();
-    EXPECT_EQ(counted->remainingHint(), std::optional<std::size_t>(5));
-}
-
-// Reads `content` back from the entry through every kind of seek.
-void checkSeeks(const ZipProvider& zip, const StorageIRI& location, const std::string& content) {
-    auto stream = zip.openReadOnlyStream(location);
-    const auto size = static_cast<long>(content.size());
-    auto readAt = [&](long offset, std::ios_base::seekdir origin, long count, long expectedPosition) {
-        EXPECT_EQ(stream->seek(offset, origin), std::streampos(expectedPosition));
-        std::string buffer(static_cast<std::size_t>(count), '\0');
-        const long n = stream->read(buffer.data(), count);
-        ASSERT_EQ(n, std::min(count, size - expectedPosition)) << "at " << expectedPosition;
-        EXPECT_EQ(buffer.substr(0, static_cast<std::size_t>(n)),
-                  content.substr(static_cast<std::size_t>(expectedPosition), static_cast<std::size_t>(n)));
-    };
-    readAt(100000, std::ios_base::beg, 5000, 100000);   // forward from the start
-    readAt(300000, std::ios_base::cur, 100, 405000);    // forward from here
-    readAt(10, std::ios_base::beg, 20, 10);             // backward
-    readAt(-7, std::ios_base::end, 100, size - 7);      // near the end
-    readAt(-200000, std::ios_base::cur, 1, size - 200000);
-    readAt(0, std::ios_base::beg, size, 0);             // everything
-    EXPECT_EQ(stream->seek(10, std::ios_base::end), std::streampos(size + 10));
-    char byte;
-    EXPECT_EQ(stream->read(&byte, 1), -1) << "past the end";
-    EXPECT_THROW(stream->seek(-1, std::ios_base::beg), ByteStreamFailure);
-    stream->close();
-    EXPECT_THROW(stream->read(&byte, 1), ByteStreamFailure);
+    for (const auto& [pattern, names] : rows) {
+        EXPECT_EQ(namesOf(archive.provider->listAll(archive.at("/"), pattern)), names) << fl::i18n::to_string(pattern);
+    }
+    EXPECT_EQ(namesOf(archive.provider->listAllRecursive(archive.at("/sub"), u"e*")), Names{"deep/empty.txt"});
 }
 
 TEST(ZipProvider, StreamsSeekInStoredAndCompressedEntries) {
@@ -177,97 +166,87 @@ TEST(ZipProvider, StreamsSeekInStoredAndCompressedEntries) {
                                                .file("stored.txt", content, Method::Stored)
                                                .file("deflated.txt", content, Method::Deflated)
                                                .bytes());
-    checkSeeks(*archive.provider, archive.at("/stored.txt"), content);
-    checkSeeks(*archive.provider, archive.at("/deflated.txt"), content);
-
-    // Interleaved streams keep their own positions.
-    auto one = archive.provider->openReadOnlyStream(archive.at("/deflated.txt"));
-    auto two = archive.provider->openReadOnlyStream(archive.at("/stored.txt"));
-    std::string a(1000, '\0');
-    std::string b(1000, '\0');
-    ASSERT_EQ(one->read(a.data(), 1000), 1000);
-    two->seek(500000, std::ios_base::beg);
-    ASSERT_EQ(two->read(b.data(), 1000), 1000);
-    ASSERT_EQ(one->read(a.data(), 1000), 1000);
-    EXPECT_EQ(a, content.substr(1000, 1000));
-    EXPECT_EQ(b, content.substr(500000, 1000));
-}
-
-TEST(ZipProvider, RefusesLocationsOfOtherContainers) {
-    const auto archive = ziptest::inMemory(ziptest::ZipBuilder().file("a.txt", "a").bytes());
-    const ZipProvider& zip = *archive.provider;
-    auto bad = [&](const std::string& text) {
-        const StorageIRI location(fl::i18n::to_ustring(text));
-        expectError(ErrorCode::InvalidLocation, location, [&] { zip.exists(location); });
-        EXPECT_EQ(errorOf([&] { zip.openReadOnlyStream(location); }), ErrorCode::InvalidLocation) << text;
+    const long size = static_cast<long>(content.size());
+    // Each seek, the position it reaches, and a read there.
+    const std::tuple<long, std::ios_base::seekdir, long, long> seeks[] = {
+        {100000, std::ios_base::beg, 100000, 5000},         // forward from the start
+        {300000, std::ios_base::cur, 405000, 100},          // forward from here
+        {10, std::ios_base::beg, 10, 20},                   // backward
+        {-7, std::ios_base::end, size - 7, 100},            // near the end
+        {-200000, std::ios_base::cur, size - 200000, 1},    // backward from here
+        {10, std::ios_base::end, size + 10, 1},             // past the end
     };
-    bad("zip:mem:///other.zip!/a.txt");
-    bad("jar:mem:///t.zip!/a.txt");
-    bad("mem:///t.zip");
-    bad("zip:zip:mem:///t.zip!/a.txt!/a.txt");
+    for (const char* name : {"/stored.txt", "/deflated.txt"}) {
+        auto stream = archive.provider->openReadOnlyStream(archive.at(name));
+        for (const auto& [offset, origin, position, count] : seeks) {
+            EXPECT_EQ(stream->seek(offset, origin), std::streampos(position)) << name;
+            std::string buffer(static_cast<std::size_t>(count), '\0');
+            const long n = stream->read(buffer.data(), count);
+            const long expected = std::min(count, size - position);
+            EXPECT_EQ(n, expected > 0 ? expected : -1) << name << " at " << position;
+            if (n > 0) {
+                EXPECT_EQ(buffer.substr(0, n), content.substr(position, n)) << name << " at " << position;
+            }
+        }
+        EXPECT_THROW(stream->seek(-1, std::ios_base::beg), ByteStreamFailure);
+    }
 }
 
-TEST(ZipProvider, ReadsOnlyThroughTheContainersStreamsAndIndexesOnce) {
-    const std::string bytes =
-        ziptest::ZipBuilder().file("a.txt", ziptest::sampleText(50000)).file("f/b.txt", "bee").bytes();
+TEST(ZipProvider, RefusesWhatNoArchiveHolds) {
+    const auto archive = ziptest::inMemory(ziptest::ZipBuilder().file("a.txt", "a").bytes());
+    for (const char16_t* text : {u"zip:mem:///other.zip!/a.txt", u"jar:mem:///t.zip!/a.txt", u"mem:///t.zip",
+                                 u"zip:zip:mem:///t.zip!/a.txt!/a.txt"}) {
+        const StorageIRI location(text);
+        expectError(ErrorCode::InvalidLocation, location, [&] { archive.provider->exists(location); });
+    }
+    // A container that is missing or a folder holds nothing.
+    auto store = memory::makeMemoryProvider();
+    store->createFolder(StorageIRI(u"mem:///folder.zip"));
+    for (const auto& [container, code] : {std::pair{u"mem:///missing.zip", ErrorCode::ResourceNotFound},
+                                          std::pair{u"mem:///folder.zip", ErrorCode::InvalidLocation}}) {
+        const ZipProvider zip(StorageItem(store, StorageIRI(container)));
+        const StorageIRI entry = ziptest::zipLocation(StorageIRI(container), "/a.txt");
+        EXPECT_EQ(zip.exists(entry), ExistenceType::AsNeither);
+        expectError(code, entry, [&] { zip.getFileAttributes(entry); });
+    }
+}
+
+TEST(ZipProvider, ReadsTheContainerOnceAndNoticesItChange) {
+    const std::string first = ziptest::ZipBuilder().file("one.txt", "1111", Method::Stored).bytes();
+    const std::string second = ziptest::ZipBuilder().file("two.txt", "2222", Method::Stored).bytes();
+    ASSERT_EQ(first.size(), second.size());
     auto store = memory::makeMemoryProvider();
     const StorageIRI file(u"mem:///t.zip");
-    ziptest::put(*store, file, bytes);
+    ziptest::put(*store, file, first);
     auto outer = std::make_shared<testsupport::InstrumentedProvider>(store);
     outer->readLimit = [](long count) { return std::min(count, 7L); };  // short reads everywhere
-    const ZipProvider zip(StorageItem(outer, file));
-
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(namesOf(zip.listAll(ziptest::zipLocation(file, "/"))), (Names{"a.txt", "f/"}));
-        EXPECT_TRUE(zip.fileExists(ziptest::zipLocation(file, "/f/b.txt")));
-    }
-    EXPECT_EQ(readAll(zip, ziptest::zipLocation(file, "/a.txt")), ziptest::sampleText(50000));
-    EXPECT_EQ(readAll(zip, ziptest::zipLocation(file, "/f/b.txt")), "bee");
+    const auto zip = std::make_shared<ZipProvider>(StorageItem(outer, file));
+    const StorageIRI root = ziptest::zipLocation(file, "/");
+    auto open = zip->openReadOnlyStream(ziptest::zipLocation(file, "/one.txt"));
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(namesOf(zip->listAll(root)), Names{"one.txt"});
     EXPECT_EQ(outer->count("doOpenReadOnlyStream"), 1) << "one opening serves every operation";
     for (const std::string& name : outer->names()) {
         EXPECT_TRUE(name == "doOpenReadOnlyStream" || name == "doGetFileAttributes" || name == "read" ||
                     name == "seek")
             << name;
     }
-}
-
-TEST(ZipProvider, NoticesAChangedContainer) {
-    const std::string first = ziptest::ZipBuilder().file("one.txt", "1111", Method::Stored).bytes();
-    const std::string second = ziptest::ZipBuilder().file("two.txt", "2222", Method::Stored).bytes();
-    ASSERT_EQ(first.size(), second.size());
-    const auto archive = ziptest::inMemory(first);
-    const ZipProvider& zip = *archive.provider;
-    auto open = zip.openReadOnlyStream(archive.at("/one.txt"));
-    EXPECT_EQ(namesOf(zip.listAll(archive.at("/"))), Names{"one.txt"});
+    // Invalidating an unrelated location keeps what the provider holds.
+    invalidateProvider(StorageItem(zip, StorageIRI(u"zip:mem:///else.zip!/one.txt")));
+    zip->exists(ziptest::zipLocation(file, "/one.txt"));
+    EXPECT_EQ(outer->count("doOpenReadOnlyStream"), 1);
 
     // Rewritten: a new time, so the next operation reopens it.
-    ziptest::put(*archive.store, archive.container.getLocation(), second);
-    EXPECT_EQ(namesOf(zip.listAll(archive.at("/"))), Names{"two.txt"});
-    EXPECT_EQ(readAll(zip, archive.at("/two.txt")), "2222");
-
+    ziptest::put(*store, file, second);
+    EXPECT_EQ(namesOf(zip->listAll(root)), Names{"two.txt"});
     // Rewritten with the old size and time: unnoticed until invalidated.
-    const boost::posix_time::ptime time = archive.container.getFileAttributes().getLastModified();
-    ziptest::put(*archive.store, archive.container.getLocation(), first);
-    archive.store->setLastModified(archive.container.getLocation(), time);
-    EXPECT_EQ(namesOf(zip.listAll(archive.at("/"))), Names{"two.txt"});
-    invalidateProvider(StorageItem(archive.provider, archive.at("/two.txt")));
-    EXPECT_EQ(namesOf(zip.listAll(archive.at("/"))), Names{"one.txt"});
-
-    // Invalidating an unrelated location keeps what the provider holds.
-    auto outer = std::make_shared<testsupport::InstrumentedProvider>(archive.store);
-    const auto watched = std::make_shared<ZipProvider>(StorageItem(outer, archive.container.getLocation()));
-    watched->exists(archive.at("/one.txt"));
-    invalidateProvider(StorageItem(watched, StorageIRI(u"zip:mem:///else.zip!/one.txt")));
-    watched->exists(archive.at("/one.txt"));
-    EXPECT_EQ(outer->count("doOpenReadOnlyStream"), 1);
-    invalidateProvider(StorageItem(watched, archive.container.getLocation()));
-    watched->exists(archive.at("/one.txt"));
-    EXPECT_EQ(outer->count("doOpenReadOnlyStream"), 2);
-
+    const boost::posix_time::ptime time = store->getFileAttributes(file).getLastModified();
+    ziptest::put(*store, file, first);
+    store->setLastModified(file, time);
+    EXPECT_EQ(namesOf(zip->listAll(root)), Names{"two.txt"});
+    invalidateProvider(StorageItem(zip, ziptest::zipLocation(file, "/two.txt")));
+    EXPECT_EQ(namesOf(zip->listAll(root)), Names{"one.txt"});
     // A stream opened before keeps its archive.
-    std::string head(4, '\0');
-    EXPECT_EQ(open->read(head.data(), 4), 4);
-    EXPECT_EQ(head, "1111");
+    EXPECT_EQ(readAll(*open), "1111");
 }
 
 // An archive replaced by a corrupt or a truncated one while polled: the polls go on, report
@@ -296,44 +275,87 @@ TEST(ZipProvider, PollsSurviveTheArchiveDamagedOrRemoved) {
     EXPECT_EQ(events.waitFor(1), std::vector<std::string>{"FolderVanished / folder"});
 }
 
-TEST(ZipProvider, ReadsWhileInvalidated) {
-    const std::string text = ziptest::sampleText(30000);
-    const auto archive = ziptest::inMemory(
-        ziptest::ZipBuilder().file("a.txt", text).file("s/b.txt", text, Method::Stored).bytes());
-    std::atomic<int> mismatches{0};
-    std::atomic<bool> done{false};
-    std::vector<std::thread> readers;
-    for (int t = 0; t < 3; ++t) {
-        readers.emplace_back([&] {
-            for (int i = 0; i < 40; ++i) {
-                if (readAll(*archive.provider, archive.at(i % 2 ? "/a.txt" : "/s/b.txt")) != text) ++mismatches;
-                if (namesOf(archive.provider->listAllRecursive(archive.at("/"))).size() != 3) ++mismatches;
-            }
-        });
+// a.zip on disk holds b.zip (stored), which holds c.zip (deflated), which holds the files:
+// one provider per archive, whose container is the level above, shared while held.
+TEST(ZipNesting, ResolvesReadsAndCopiesOutThreeDeep) {
+    const std::string big = ziptest::sampleText(5 << 20, 3);  // more than one 4 MiB copy chunk
+    auto nested = [&](const std::string& text) {
+        const std::string c = ziptest::ZipBuilder().file("deep/d.txt", text).file("big.bin", big).bytes();
+        const std::string b = ziptest::ZipBuilder().file("pad.txt", "pad").file("c.zip", c).bytes();
+        return ziptest::ZipBuilder().file("b.zip", b, Method::Stored).bytes();
+    };
+    const ziptest::TempFolder folder;
+    const StorageIRI a = folder.location("a.zip");
+    const StorageIRI b = ziptest::zipLocation(a, "/b.zip");
+    const StorageIRI c = ziptest::zipLocation(b, "/c.zip");
+    const std::shared_ptr<IProvider> local = std::make_shared<local::LocalProvider>();
+    ziptest::put(*local, a, nested("three levels down"));
+    ZipProviderFactory zips;
+    auto item = [&](const StorageIRI& location) {
+        return zips.itemFor(location, [&](const StorageIRI&) { return local; });
+    };
+    std::weak_ptr<IProvider> released;
+    {
+        const StorageItem d = item(ziptest::zipLocation(c, "/deep/d.txt"));
+        released = d.getProvider();
+        EXPECT_EQ(readAll(*d.getProvider(), d.getLocation()), "three levels down");
+        EXPECT_EQ(item(ziptest::zipLocation(c, "/big.bin")).getProvider(), d.getProvider());
+        const auto& cZip = dynamic_cast<const ZipProvider&>(*d.getProvider());
+        const auto& bZip = dynamic_cast<const ZipProvider&>(*cZip.getContainer().getProvider());
+        EXPECT_EQ(cZip.getContainer().getLocation(), c);
+        EXPECT_EQ(bZip.getContainer().getLocation(), b);
+        EXPECT_EQ(bZip.getContainer().getProvider(), item(b).getProvider()) << "the provider of a.zip's entries";
+        const auto& aZip = dynamic_cast<const ZipProvider&>(*bZip.getContainer().getProvider());
+        EXPECT_EQ(aZip.getContainer().getProvider(), local);
+
+        // The archive on disk changes: every level notices.
+        ziptest::put(*local, a, nested("rewritten"));
+        EXPECT_EQ(readAll(*d.getProvider(), d.getLocation()), "rewritten");
     }
-    std::thread invalidator([&] {
-        while (!done) invalidateProvider(StorageItem(archive.provider, archive.at("/a.txt")));
-    });
-    for (std::thread& reader : readers) reader.join();
-    done = true;
-    invalidator.join();
-    EXPECT_EQ(mismatches.load(), 0);
+    EXPECT_TRUE(released.expired()) << "the factory holds its providers weakly";
+
+    // Copied out atomically: stopped after its first chunk, the target keeps what it had.
+    const StorageItem target(local, folder.location("d.txt"));
+    ziptest::put(*local, target.getLocation(), "old");
+    auto copy = [&](const std::function<InterruptSignal()>& interrupt) {
+        return item(ziptest::zipLocation(c, "/big.bin"))
+            .copyFile(target, CopyFileOptions{ReplacementPolicy::Overwrite, TransactionPolicy::Atomic, interrupt});
+    };
+    EXPECT_EQ(copy([] { return InterruptSignal::Abort; }), TransactionStatus::Aborted);
+    EXPECT_EQ(readAll(*local, target.getLocation()), "old");
+    EXPECT_EQ(copy([] { return InterruptSignal::Continue; }), TransactionStatus::Completed);
+    EXPECT_EQ(readAll(*local, target.getLocation()), big);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()), {}), 2) << "no scratch file stays";
+
+    // Two stores with an archive at the same path: one provider each.
+    const auto one = ziptest::inMemory(ziptest::ZipBuilder().file("a.txt", "one").bytes());
+    const auto two = ziptest::inMemory(ziptest::ZipBuilder().file("a.txt", "two").bytes());
+    EXPECT_NE(zips.buildProvider(one.container), zips.buildProvider(two.container));
 }
 
-TEST(ZipProvider, MissingContainersHoldNothing) {
+TEST(ZipNesting, RefusesArchivesNestedTooDeep) {
+    std::string bytes = ziptest::ZipBuilder().file("x.txt", "bottom", Method::Stored).bytes();
+    for (std::size_t i = 0; i < kMaxContainerNesting; ++i) {
+        bytes = ziptest::ZipBuilder().file("a.zip", bytes, Method::Stored).bytes();
+    }
     auto store = memory::makeMemoryProvider();
-    store->createFolder(StorageIRI(u"mem:///folder.zip"));
-    auto check = [&](const std::string& container, ErrorCode code) {
-        const StorageIRI inner(fl::i18n::to_ustring(container));
-        const ZipProvider zip(StorageItem(store, inner));
-        const StorageIRI entry = ziptest::zipLocation(inner, "/a.txt");
-        EXPECT_EQ(zip.exists(entry), ExistenceType::AsNeither) << container;
-        EXPECT_FALSE(zip.folderExists(ziptest::zipLocation(inner, "/"))) << container;
-        expectError(code, entry, [&] { zip.getFileAttributes(entry); });
-        EXPECT_EQ(errorOf([&] { zip.listAll(ziptest::zipLocation(inner, "/")); }), code) << container;
+    const StorageIRI file(u"mem:///n.zip");
+    ziptest::put(*store, file, bytes);
+    ZipProviderFactory zips;
+    auto entry = [&](std::size_t depth, const ustring& path) {
+        StorageIRI location = file;
+        for (std::size_t level = 1; level < depth; ++level) location = StorageIRI(u"zip", location, u"/a.zip");
+        return zips.itemFor(StorageIRI(u"zip", location, path), [&](const StorageIRI&) { return store; });
     };
-    check("mem:///missing.zip", ErrorCode::ResourceNotFound);
-    check("mem:///folder.zip", ErrorCode::InvalidLocation);
+    const StorageItem deepest = entry(kMaxContainerNesting, u"/a.zip");
+    EXPECT_TRUE(deepest.fileExists());
+    // No location names a level deeper, yet a provider can be built over the deepest archive:
+    // it counts its chain of providers and refuses every operation.
+    EXPECT_THROW(StorageIRI(u"zip", deepest.getLocation(), u"/x.txt"), std::runtime_error);
+    const auto tooDeep = std::make_shared<ZipProvider>(deepest);
+    EXPECT_EQ(tooDeep->getNesting(), kMaxContainerNesting + 1);
+    const StorageIRI anywhere(u"zip", entry(kMaxContainerNesting - 1, u"/a.zip").getLocation(), u"/x.txt");
+    expectError(ErrorCode::InvalidLocation, anywhere, [&] { tooDeep->fileExists(anywhere); });
 }
 
 }  // namespace

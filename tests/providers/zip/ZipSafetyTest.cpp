@@ -1,7 +1,10 @@
+// Hostile and damaged archives: names that try to leave the archive or to cost far more than
+// their bytes, sizes and counts an archive cannot hold, entries that break their declarations,
+// and every truncation of a small archive (the fuzz target flips its bytes).
+
 #include "storage/provider/zip/ZipProvider.h"
 
 #include <functional>
-#include <optional>
 
 #include <gtest/gtest.h>
 
@@ -13,106 +16,59 @@
 namespace foundation::storage::provider::zip {
 namespace {
 
+using testsupport::expectError;
 using ziptest::Method;
 using ziptest::namesOf;
 using ziptest::readAll;
 using Names = std::vector<std::string>;
 
-using testsupport::expectError;
+// The archive with its central directory record of entry 0 repeated `copies` times, so that
+// every copy names the same data.
+std::string withRepeatedEntry(const std::string& archive, std::size_t copies) {
+    const ziptest::Layout layout = ziptest::layoutOf(archive);
+    const std::uint64_t first = layout.directoryEntries.at(0);
+    const std::string record = archive.substr(first, layout.directoryEntries.at(1) - first);
+    std::string out = archive.substr(0, layout.directoryOffset);
+    for (std::size_t i = 0; i < copies; ++i) out += record;
+    std::string endRecord = archive.substr(layout.endRecord);
+    ziptest::putLittle(endRecord, 8, 2, copies);
+    ziptest::putLittle(endRecord, 10, 2, copies);
+    ziptest::putLittle(endRecord, 12, 4, record.size() * copies);
+    return out + endRecord;
+}
 
-// Lists and reads everything in the archive behind `archive`: whatever fails must fail with
-// IOError (or UnsupportedOperation for an entry libzip cannot decode), never otherwise.
-void readEverything(const ziptest::InMemory& archive, const std::string& what) {
-    const StorageIRI root = archive.at("/");
-    std::vector<ustring> names;
-    try {
-        auto listing = archive.provider->listAllRecursive(root);
-        while (listing->hasNext()) {
-            listing->next();
-            if (listing->get().isFile()) names.push_back(listing->get().getName());
-        }
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.getErrorCode(), ErrorCode::IOError) << what;
-        EXPECT_EQ(e.getStorageIRI(), root) << what;
-        return;
+// The archive re-ended with zip64 end records that declare `entries` entries in its directory
+// (which still holds what it held).
+std::string withZip64Count(const std::string& archive, std::uint64_t entries) {
+    const ziptest::Layout layout = ziptest::layoutOf(archive);
+    std::string end64(56, '\0');
+    end64.replace(0, 4, "PK\6\6");
+    for (const auto& [offset, width, value] :
+         {std::tuple{4, 8, std::uint64_t{44}}, {12, 2, 45}, {14, 2, 45}, {24, 8, entries}, {32, 8, entries},
+          {40, 8, layout.directorySize}, {48, 8, layout.directoryOffset}}) {
+        ziptest::putLittle(end64, offset, width, value);
     }
-    for (const ustring& name : names) {
-        std::optional<StorageIRI> location;
-        try {
-            location.emplace(root, name);
-        } catch (const std::exception&) {
-            continue;  // a damaged name that no location can spell
-        }
-        if (location->getPath() != u"/" + name) continue;
-        try {
-            archive.provider->getFileAttributes(*location);
-            readAll(*archive.provider, *location);
-        } catch (const ByteStreamFailure& e) {
-            EXPECT_EQ(e.getErrorCode(), ErrorCode::IOError) << what << ": " << e.what();
-        } catch (const Exception& e) {
-            EXPECT_TRUE(e.getErrorCode() == ErrorCode::IOError || e.getErrorCode() == ErrorCode::UnsupportedOperation)
-                << what << ": " << e.getErrorCode();
-        }
-    }
+    std::string locator(20, '\0');
+    locator.replace(0, 4, "PK\6\7");
+    ziptest::putLittle(locator, 8, 8, layout.endRecord);
+    ziptest::putLittle(locator, 16, 4, 1);
+    std::string endRecord = archive.substr(layout.endRecord);
+    ziptest::putLittle(endRecord, 8, 2, 0xFFFF);
+    ziptest::putLittle(endRecord, 10, 2, 0xFFFF);
+    ziptest::putLittle(endRecord, 12, 4, 0xFFFFFFFF);
+    ziptest::putLittle(endRecord, 16, 4, 0xFFFFFFFF);
+    return archive.substr(0, layout.endRecord) + end64 + locator + endRecord;
 }
 
-TEST(ZipSafety, EntryNamesStayInsideTheArchive) {
-    std::string bytes = ziptest::ZipBuilder()
-                            .file("../../escape.txt", "dots")
-                            .file("/etc/absolute.txt", "absolute")
-                            .file("win\\dows\\path.txt", "backslashes")
-                            .file("a/./b/../c.txt", "dots inside")
-                            .file("nul#name.txt", "nul")
-                            .file("..", "nothing left")
-                            .file("C:/drive.txt", "drive")
-                            .bytes();
-    bytes = ziptest::replaced(bytes, "nul#name", std::string("nul\0name", 8));
-    const auto archive = ziptest::inMemory(bytes);
-    const ZipProvider& zip = *archive.provider;
-
-    const Names all = namesOf(zip.listAllRecursive(archive.at("/")));
-    EXPECT_EQ(all, (Names{"C:/", "C:/drive.txt", "a/", "a/c.txt", "escape.txt", "etc/", "etc/absolute.txt",
-                          "nul name.txt", "win/", "win/dows/", "win/dows/path.txt"}));
-    for (const std::string& name : all) {
-        EXPECT_EQ(name.find('\\'), std::string::npos) << name;
-        EXPECT_EQ(name.find('\0'), std::string::npos) << name;
-    }
-    auto check = [&](const std::string& path, const std::string& content) {
-        EXPECT_EQ(readAll(zip, archive.at(path)), content) << path;
-    };
-    check("/escape.txt", "dots");
-    check("/../escape.txt", "dots");  // a location's '..' stops at the root as well
-    check("/etc/absolute.txt", "absolute");
-    check("/win/dows/path.txt", "backslashes");
-    check("/a/c.txt", "dots inside");
-    check("/nul name.txt", "nul");
-    EXPECT_FALSE(zip.exists(archive.at("/../../etc/passwd")) == ExistenceType::AsFile);
-}
-
-TEST(ZipSafety, DeepNamesCostTheirLength) {
-    std::string deep;
-    for (int i = 0; i < 30000; ++i) deep += "d/";
-    const auto archive = ziptest::inMemory(ziptest::ZipBuilder().file(deep + "x.txt", "bottom").bytes());
-    const ZipProvider& zip = *archive.provider;
-    EXPECT_EQ(readAll(zip, archive.at("/" + deep + "x.txt")), "bottom");
-    EXPECT_EQ(namesOf(zip.listAllRecursive(archive.at("/"), u"nothing matches")), Names{});
-    EXPECT_EQ(namesOf(zip.listAllRecursive(archive.at(("/" + deep).substr(0, deep.size() - 1)), u"*.txt")),
-              Names{"d/x.txt"});
-}
-
-TEST(ZipSafety, RefusesNamesImplyingFarMoreFoldersThanTheirDirectoryHolds) {
-    // Thirty names of 64 KiB, each implying 32,767 folders of its own: nearly a million.
-    ziptest::ZipBuilder deep;
-    std::string chain;
-    for (int i = 0; i < 32766; ++i) chain += "/x";
-    for (char first = 'a'; first < 'a' + 30; ++first) deep.file(first + chain + "/f", "", Method::Stored);
-    const auto archive = ziptest::inMemory(deep.bytes());
-    expectError(ErrorCode::IOError, archive.at("/"), [&] { archive.provider->listAll(archive.at("/")); });
-}
-
-TEST(ZipSafety, FirstClaimOnAPathWins) {
+TEST(ZipSafety, EntryNamesStayInsideTheArchiveAndTheFirstClaimWins) {
     // libzip refuses to write one name twice: the second name is patched afterwards.
     const auto archive = ziptest::inMemory(ziptest::replaced(ziptest::ZipBuilder()
+                                                                 .file("../../escape.txt", "dots")
+                                                                 .file("/etc/absolute.txt", "absolute")
+                                                                 .file("win\\dows\\path.txt", "backslashes")
+                                                                 .file("a/./b/../c.txt", "dots inside")
+                                                                 .file("..", "nothing left")
+                                                                 .file("C:/drive.txt", "drive")
                                                                  .file("same.txt", "first")
                                                                  .file("sam#.txt", "second")
                                                                  .file("x", "a file")
@@ -122,72 +78,81 @@ TEST(ZipSafety, FirstClaimOnAPathWins) {
                                                                  .bytes(),
                                                              "sam#", "same"));
     const ZipProvider& zip = *archive.provider;
-    EXPECT_EQ(namesOf(zip.listAll(archive.at("/"))), (Names{"same.txt", "x", "y/"}));
+    EXPECT_EQ(namesOf(zip.listAllRecursive(archive.at("/"))),
+              (Names{"C:/", "C:/drive.txt", "a/", "a/c.txt", "escape.txt", "etc/", "etc/absolute.txt", "same.txt",
+                     "win/", "win/dows/", "win/dows/path.txt", "x", "y/"}));
+    EXPECT_EQ(readAll(zip, archive.at("/win/dows/path.txt")), "backslashes");
     EXPECT_EQ(readAll(zip, archive.at("/same.txt")), "first");
-    EXPECT_EQ(readAll(zip, archive.at("/x")), "a file");
-    EXPECT_EQ(zip.exists(archive.at("/x/under.txt")), ExistenceType::AsNeither);
     expectError(ErrorCode::InvalidLocation, archive.at("/x/under.txt"),
                 [&] { zip.getFileAttributes(archive.at("/x/under.txt")); });
-    EXPECT_TRUE(zip.folderExists(archive.at("/y")));
+}
+
+TEST(ZipSafety, NamesCostTheirLengthAndNoMore) {
+    std::string deep;
+    for (int i = 0; i < 30000; ++i) deep += "d/";
+    const auto archive = ziptest::inMemory(ziptest::ZipBuilder().file(deep + "x.txt", "bottom").bytes());
+    EXPECT_EQ(readAll(*archive.provider, archive.at("/" + deep + "x.txt")), "bottom");
+    EXPECT_EQ(namesOf(archive.provider->listAllRecursive(archive.at("/"), u"nothing matches")), Names{});
+
+    // Thirty names of 64 KiB, each implying 32,767 folders of its own: nearly a million.
+    ziptest::ZipBuilder hostile;
+    std::string chain;
+    for (int i = 0; i < 32766; ++i) chain += "/x";
+    for (char first = 'a'; first < 'a' + 30; ++first) hostile.file(first + chain + "/f", "", Method::Stored);
+    const auto refused = ziptest::inMemory(hostile.bytes());
+    expectError(ErrorCode::IOError, refused.at("/"), [&] { refused.provider->listAll(refused.at("/")); });
 }
 
 TEST(ZipSafety, RefusesImplausibleArchives) {
-    const std::string random = ziptest::sampleText(100000, 7);
-    const std::string plain = ziptest::ZipBuilder().file("a.txt", random).file("b.txt", "bee").bytes();
-    const std::uint32_t compressed =
-        static_cast<std::uint32_t>(ziptest::getLittle(plain, ziptest::layoutOf(plain).directoryEntries[0] + 20, 4));
-
-    auto refused = [](const std::string& bytes, const std::string& what, ZipLimits limits = {}) {
-        SCOPED_TRACE(what);
-        const auto archive = ziptest::inMemory(bytes);
-        const ZipProvider zip(archive.container, limits);
-        expectError(ErrorCode::IOError, archive.at("/"), [&] { zip.listAll(archive.at("/")); });
-        expectError(ErrorCode::IOError, archive.at("/a.txt"), [&] { zip.exists(archive.at("/a.txt")); });
-    };
-    auto accepted = [](const std::string& bytes, ZipLimits limits = {}) {
-        const auto archive = ziptest::inMemory(bytes);
-        const ZipProvider zip(archive.container, limits);
-        EXPECT_TRUE(zip.exists(archive.at("/a.txt")) == ExistenceType::AsFile);
-    };
-    accepted(plain);
-    // A size beyond what deflate can reach from the compressed bytes.
-    refused(ziptest::withDeclaredSize(plain, 0, compressed * 2000), "ratio");
-    accepted(ziptest::withDeclaredSize(plain, 0, compressed * 1000));
-    // A stored entry that declares more than it stores.
-    refused(ziptest::withDeclaredSize(ziptest::ZipBuilder().file("a.txt", "abc", Method::Stored).bytes(), 0, 4),
-            "stored");
-    // Many directory records sharing one entry's data.
-    refused(ziptest::withRepeatedEntry(plain, 40), "overlap");
-    // More entries than allowed, and more than the directory can hold.
-    refused(plain, "limit", ZipLimits{1, 1100});
-    accepted(plain, ZipLimits{2, 1100});
-    // Folders that the entries imply count against the limit too.
+    const std::string plain = ziptest::ZipBuilder().file("a.txt", ziptest::sampleText(100000, 7)).file("b.txt", "bee").bytes();
+    const auto compressed = ziptest::getLittle(plain, ziptest::layoutOf(plain).directoryEntries[0] + 20, 4);
+    const std::string stored = ziptest::ZipBuilder().file("a.txt", "abc", Method::Stored).bytes();
     const std::string implied = ziptest::ZipBuilder().file("a.txt", "a").file("b/c/d/e.txt", "e").bytes();
-    refused(implied, "implied folders", ZipLimits{2, 1100});
-    accepted(implied, ZipLimits{3, 1100});
-    accepted(ziptest::withZip64Count(plain, 2));
-    refused(ziptest::withZip64Count(plain, 3), "zip64 count");
-
-    refused(ziptest::withZip64Count(plain, std::uint64_t{1} << 60), "2^60 entries");
+    auto sized = [](const std::string& bytes, std::uint64_t size) { return ziptest::withField(bytes, 0, 24, 22, 4, size); };
+    const struct {
+        const char* what;
+        std::string bytes;
+        ZipLimits limits;
+        bool refused;
+    } rows[] = {
+        {"plain", plain, {}, false},
+        {"a size beyond what deflate reaches", sized(plain, compressed * 2000), {}, true},
+        {"a size deflate reaches", sized(plain, compressed * 1000), {}, false},
+        {"stored, declaring more than it stores", sized(stored, 4), {}, true},
+        {"records sharing one entry's data", withRepeatedEntry(plain, 40), {}, true},
+        {"more entries than allowed", plain, ZipLimits{1, 1100}, true},
+        {"as many entries as allowed", plain, ZipLimits{2, 1100}, false},
+        {"implied folders beyond the limit", implied, ZipLimits{2, 1100}, true},
+        {"implied folders within it", implied, ZipLimits{3, 1100}, false},
+        {"zip64, the count right", withZip64Count(plain, 2), {}, false},
+        {"zip64, more than the directory holds", withZip64Count(plain, 3), {}, true},
+        {"zip64, 2^60 entries", withZip64Count(plain, std::uint64_t{1} << 60), {}, true},
+    };
+    for (const auto& row : rows) {
+        const auto archive = ziptest::inMemory(row.bytes);
+        const ZipProvider zip(archive.container, row.limits);
+        if (row.refused) {
+            expectError(ErrorCode::IOError, archive.at("/"), [&] { zip.listAll(archive.at("/")); });
+        } else {
+            EXPECT_EQ(zip.exists(archive.at("/a.txt")), ExistenceType::AsFile) << row.what;
+        }
+    }
 
     // Too many entries are refused from the archive's end records, before its directory is
     // read (and memory taken for it): far fewer bytes are asked for than the directory holds.
     ziptest::ZipBuilder many;
     for (int i = 0; i < 3000; ++i) many.file("entry" + std::to_string(i) + ".txt", "e", Method::Stored);
-    const std::string manyBytes = many.bytes();
-    ASSERT_GT(ziptest::layoutOf(manyBytes).directorySize, 150000U);
     auto store = memory::makeMemoryProvider();
     const StorageIRI file(u"mem:///many.zip");
-    ziptest::put(*store, file, manyBytes);
+    ziptest::put(*store, file, many.bytes());
     auto outer = std::make_shared<testsupport::InstrumentedProvider>(store);
     const ZipProvider zip(StorageItem(outer, file), ZipLimits{2000, 1100});
-    const StorageIRI root = ziptest::zipLocation(file, "/");
-    expectError(ErrorCode::IOError, root, [&] { zip.listAll(root); });
+    expectError(ErrorCode::IOError, ziptest::zipLocation(file, "/"), [&] { zip.listAll(ziptest::zipLocation(file, "/")); });
     long requested = 0;
     for (const std::string& call : outer->calls()) {
         if (call.rfind("read ", 0) == 0) requested += std::stol(call.substr(5));
     }
-    EXPECT_LT(requested, 100000);
+    EXPECT_LT(requested, 100000) << "of a directory of more than 150,000 bytes";
 }
 
 TEST(ZipSafety, EntriesThatBreakTheirDeclarations) {
@@ -197,11 +162,24 @@ TEST(ZipSafety, EntriesThatBreakTheirDeclarations) {
                                   .file("b.txt", text, Method::Stored)
                                   .file("zeros.bin", std::string(10 << 20, '\0'))
                                   .bytes();
-    auto failsReading = [](const std::string& bytes, const std::string& name, ErrorCode code) {
+    const auto intact = ziptest::inMemory(plain);
+    EXPECT_EQ(readAll(*intact.provider, intact.at("/zeros.bin")).size(), 10U << 20) << "a legitimately high ratio";
+    std::string flipped = plain;  // a byte of stored data, which the CRC catches
+    const std::uint64_t header = ziptest::layoutOf(plain).localHeaders[1];
+    const std::uint64_t data = header + 30 + ziptest::getLittle(plain, header + 26, 2) + ziptest::getLittle(plain, header + 28, 2);
+    flipped[data + 100] = static_cast<char>(flipped[data + 100] ^ 1);
+    const std::tuple<const char*, std::string, ErrorCode> rows[] = {
+        {"/a.txt", ziptest::withField(plain, 0, 24, 22, 4, 19000), ErrorCode::IOError},  // longer than declared
+        {"/a.txt", ziptest::withField(plain, 0, 24, 22, 4, 21000), ErrorCode::IOError},  // shorter
+        {"/b.txt", ziptest::withField(plain, 1, 24, 22, 4, 19000), ErrorCode::IOError},
+        {"/b.txt", flipped, ErrorCode::IOError},
+        {"/a.txt", ziptest::withField(plain, 0, 8, 6, 2, 1), ErrorCode::UnsupportedOperation},  // encrypted
+        {"/a.txt", ziptest::withField(plain, 0, 10, 8, 2, 97), ErrorCode::UnsupportedOperation},  // method 97
+    };
+    for (const auto& [name, bytes, code] : rows) {
         const auto archive = ziptest::inMemory(bytes);
-        auto open = [&] { return archive.provider->openReadOnlyStream(archive.at(name)); };
         try {
-            auto stream = open();
+            auto stream = archive.provider->openReadOnlyStream(archive.at(name));
             readAll(*stream);
             ADD_FAILURE() << name << " was read";
         } catch (const ByteStreamFailure& e) {
@@ -210,27 +188,10 @@ TEST(ZipSafety, EntriesThatBreakTheirDeclarations) {
             EXPECT_EQ(e.getErrorCode(), code) << name;
             EXPECT_EQ(e.getStorageIRI(), archive.at(name));
         }
-    };
-    {
-        const auto archive = ziptest::inMemory(plain);
-        EXPECT_EQ(readAll(*archive.provider, archive.at("/zeros.bin")), std::string(10 << 20, '\0'))
-            << "a legitimately high ratio";
     }
-    failsReading(ziptest::withDeclaredSize(plain, 0, 19000), "/a.txt", ErrorCode::IOError);  // longer than declared
-    failsReading(ziptest::withDeclaredSize(plain, 0, 21000), "/a.txt", ErrorCode::IOError);  // shorter
-    failsReading(ziptest::withDeclaredSize(plain, 1, 19000), "/b.txt", ErrorCode::IOError);
-    // A flipped byte of stored data is caught by the CRC.
-    std::string flipped = plain;
-    const std::uint64_t header = ziptest::layoutOf(plain).localHeaders[1];
-    const std::uint64_t data =
-        header + 30 + ziptest::getLittle(plain, header + 26, 2) + ziptest::getLittle(plain, header + 28, 2);
-    flipped[data + 100] = static_cast<char>(flipped[data + 100] ^ 1);
-    failsReading(flipped, "/b.txt", ErrorCode::IOError);
-    failsReading(ziptest::withFlags(plain, 0, 1), "/a.txt", ErrorCode::UnsupportedOperation);  // encrypted
-    failsReading(ziptest::withMethod(plain, 0, 97), "/a.txt", ErrorCode::UnsupportedOperation);
 }
 
-TEST(ZipSafety, CorruptAndTruncatedArchivesFailCleanly) {
+TEST(ZipSafety, TruncatedArchivesFailCleanly) {
     const std::string bytes = ziptest::ZipBuilder()
                                   .file("one.txt", "the first entry, deflated, deflated, deflated")
                                   .file("dir/two.txt", "stored", Method::Stored)
@@ -240,15 +201,6 @@ TEST(ZipSafety, CorruptAndTruncatedArchivesFailCleanly) {
         const auto archive = ziptest::inMemory(bytes.substr(0, size));
         expectError(ErrorCode::IOError, archive.at("/"), [&] { archive.provider->listAll(archive.at("/")); });
     }
-    for (std::size_t at = 0; at < bytes.size(); ++at) {
-        for (const unsigned char mask : {0x01, 0x80, 0xFF}) {
-            std::string damaged = bytes;
-            damaged[at] = static_cast<char>(damaged[at] ^ mask);
-            readEverything(ziptest::inMemory(damaged), "byte " + std::to_string(at));
-        }
-    }
-    const std::string garbage = ziptest::sampleText(5000) + "PK\5\6" + std::string(18, '\xFF');
-    readEverything(ziptest::inMemory(garbage), "garbage");
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <list>
 #include <stdexcept>
 
 #include "fl/i18n/convert.h"
@@ -108,11 +107,10 @@ Layout layoutOf(const std::string& archive) {
     require(archive.size() >= kEndRecordSize, "too short");
     layout.endRecord = archive.size() - kEndRecordSize;
     require(archive.compare(layout.endRecord, 4, "PK\5\6") == 0, "no end record at the end");
-    layout.entries = getLittle(archive, layout.endRecord + 10, 2);
     layout.directorySize = getLittle(archive, layout.endRecord + 12, 4);
     layout.directoryOffset = getLittle(archive, layout.endRecord + 16, 4);
     std::uint64_t at = layout.directoryOffset;
-    for (std::uint64_t i = 0; i < layout.entries; ++i) {
+    for (std::uint64_t i = getLittle(archive, layout.endRecord + 10, 2); i > 0; --i) {
         require(archive.compare(at, 4, "PK\1\2") == 0, "no directory record");
         layout.directoryEntries.push_back(at);
         layout.localHeaders.push_back(getLittle(archive, at + 42, 4));
@@ -121,24 +119,11 @@ Layout layoutOf(const std::string& archive) {
     return layout;
 }
 
-std::string withDeclaredSize(std::string archive, std::size_t entry, std::uint32_t size) {
+std::string withField(std::string archive, std::size_t entry, int central, int local, int width,
+                      std::uint64_t value) {
     const Layout layout = layoutOf(archive);
-    putLittle(archive, layout.directoryEntries.at(entry) + 24, 4, size);
-    putLittle(archive, layout.localHeaders.at(entry) + 22, 4, size);
-    return archive;
-}
-
-std::string withMethod(std::string archive, std::size_t entry, std::uint16_t method) {
-    const Layout layout = layoutOf(archive);
-    putLittle(archive, layout.directoryEntries.at(entry) + 10, 2, method);
-    putLittle(archive, layout.localHeaders.at(entry) + 8, 2, method);
-    return archive;
-}
-
-std::string withFlags(std::string archive, std::size_t entry, std::uint16_t flags) {
-    const Layout layout = layoutOf(archive);
-    putLittle(archive, layout.directoryEntries.at(entry) + 8, 2, flags);
-    putLittle(archive, layout.localHeaders.at(entry) + 6, 2, flags);
+    putLittle(archive, layout.directoryEntries.at(entry) + central, width, value);
+    putLittle(archive, layout.localHeaders.at(entry) + local, width, value);
     return archive;
 }
 
@@ -148,45 +133,6 @@ std::string replaced(std::string archive, const std::string& from, const std::st
         archive.replace(at, from.size(), to);
     }
     return archive;
-}
-
-std::string withRepeatedEntry(const std::string& archive, std::size_t copies) {
-    const Layout layout = layoutOf(archive);
-    const std::uint64_t first = layout.directoryEntries.at(0);
-    const std::uint64_t end = layout.entries > 1 ? layout.directoryEntries.at(1) : layout.endRecord;
-    const std::string record = archive.substr(first, end - first);
-    std::string out = archive.substr(0, layout.directoryOffset);
-    for (std::size_t i = 0; i < copies; ++i) out += record;
-    std::string endRecord = archive.substr(layout.endRecord);
-    putLittle(endRecord, 8, 2, copies);
-    putLittle(endRecord, 10, 2, copies);
-    putLittle(endRecord, 12, 4, record.size() * copies);
-    return out + endRecord;
-}
-
-std::string withZip64Count(const std::string& archive, std::uint64_t entries) {
-    const Layout layout = layoutOf(archive);
-    std::string out = archive.substr(0, layout.endRecord);
-    const std::uint64_t record64 = out.size();
-    std::string end64(56, '\0');
-    end64.replace(0, 4, "PK\6\6");
-    putLittle(end64, 4, 8, 44);
-    putLittle(end64, 12, 2, 45);
-    putLittle(end64, 14, 2, 45);
-    putLittle(end64, 24, 8, entries);
-    putLittle(end64, 32, 8, entries);
-    putLittle(end64, 40, 8, layout.directorySize);
-    putLittle(end64, 48, 8, layout.directoryOffset);
-    std::string locator(20, '\0');
-    locator.replace(0, 4, "PK\6\7");
-    putLittle(locator, 8, 8, record64);
-    putLittle(locator, 16, 4, 1);
-    std::string endRecord = archive.substr(layout.endRecord);
-    putLittle(endRecord, 8, 2, 0xFFFF);
-    putLittle(endRecord, 10, 2, 0xFFFF);
-    putLittle(endRecord, 12, 4, 0xFFFFFFFF);
-    putLittle(endRecord, 16, 4, 0xFFFFFFFF);
-    return out + end64 + locator + endRecord;
 }
 
 std::string sampleText(std::size_t size, unsigned seed) {

@@ -52,8 +52,7 @@ private:
 struct Layout {
     std::uint64_t directoryOffset;
     std::uint64_t directorySize;
-    std::uint64_t entries;
-    std::uint64_t endRecord;                    // offset of the end of central directory record
+    std::uint64_t endRecord;                      // offset of the end of central directory record
     std::vector<std::uint64_t> directoryEntries;  // offset of each central directory record
     std::vector<std::uint64_t> localHeaders;      // offset of each local header
 };
@@ -62,20 +61,12 @@ Layout layoutOf(const std::string& archive);
 std::uint64_t getLittle(const std::string& bytes, std::uint64_t offset, int width);
 void putLittle(std::string& bytes, std::uint64_t offset, int width, std::uint64_t value);
 
-// Sets the declared (uncompressed) size of entry `entry`, in its local and central records.
-std::string withDeclaredSize(std::string archive, std::size_t entry, std::uint32_t size);
-// Sets the compression method of entry `entry` in both records.
-std::string withMethod(std::string archive, std::size_t entry, std::uint16_t method);
-// Sets the general purpose flags of entry `entry` in both records.
-std::string withFlags(std::string archive, std::size_t entry, std::uint16_t flags);
+// A field of entry `entry` set to `value` in both of its records: `width` bytes at `central` in
+// its central directory record and at `local` in its local header.
+std::string withField(std::string archive, std::size_t entry, int central, int local, int width,
+                      std::uint64_t value);
 // Replaces the bytes `from` by `to` (same length) wherever they occur.
 std::string replaced(std::string archive, const std::string& from, const std::string& to);
-// The archive with its central directory record of entry 0 repeated `copies` times, so that
-// every copy names the same data.
-std::string withRepeatedEntry(const std::string& archive, std::size_t copies);
-// The archive re-ended with zip64 end records that declare `entries` entries in its
-// directory (which still holds what it held).
-std::string withZip64Count(const std::string& archive, std::uint64_t entries);
 
 using testsupport::namesOf;
 using testsupport::put;
