@@ -161,8 +161,9 @@ Index::Index(::zip* archive, std::uint64_t archiveSize, const boost::posix_time:
     for (const Draft& draft : drafts) nameSize += draft.name.size();
     names_.reserve(nameSize);
     nodes_.reserve(drafts.size());
-    std::vector<std::uint32_t> order{kRoot};  // draft ids in their final order
+    std::vector<std::uint32_t> order;  // draft ids in their final order
     order.reserve(drafts.size());
+    order.push_back(kRoot);
     for (std::size_t at = 0; at < order.size(); ++at) {
         Draft& draft = drafts[order[at]];
         Node node = draft.node;
