@@ -247,28 +247,6 @@ TEST_P(ProviderConformance, WriteAttributes) {
     EXPECT_GT(provider().getFileAttributes(file).getLastModified(), past + boost::posix_time::seconds(2));
 }
 
-TEST_P(ProviderConformance, WriteFromManyThreads) {
-    if (!can().writable) GTEST_SKIP() << "read-only";
-    constexpr int kThreads = 4;
-    constexpr int kFiles = 20;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([this, t] {
-            const std::string folder = "t" + std::to_string(t) + "/";
-            provider().createFolder(at(folder));
-            for (int i = 0; i < kFiles; ++i) write(folder + std::to_string(i), folder + std::to_string(i));
-            provider().removeFile(at(folder + "0"));
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
-    const Tree tree = snapshot();
-    for (int t = 0; t < kThreads; ++t) {
-        const std::string folder = "t" + std::to_string(t) + "/";
-        EXPECT_EQ(tree.count(folder + "0"), 0U);
-        for (int i = 1; i < kFiles; ++i) EXPECT_EQ(tree.at(folder + std::to_string(i)), folder + std::to_string(i));
-    }
-}
-
 // A copy onto another name of its own source would truncate the source: every path refuses it
 // with InvalidLocation and the target before anything is written.
 TEST_P(ProviderConformance, WriteCopyOntoAnAlias) {

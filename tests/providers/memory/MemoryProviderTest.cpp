@@ -1,9 +1,7 @@
 #include "storage/provider/memory/MemoryProvider.h"
 
-#include <atomic>
 #include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -128,26 +126,6 @@ TEST_F(MemoryProviderTest, StreamsShareTheirFileAndOutliveIt) {
     EXPECT_THROW(stream->write("x", 1), ByteStreamFailure);
 }
 
-TEST_F(MemoryProviderTest, TimesAdvanceWithEveryChange) {
-    provider_->createFolder(mem("/d"));
-    const auto folderTime = [this] { return provider_->getFolderAttributes(mem("/d")).getLastModified(); };
-    const auto fileTime = [this] { return provider_->getFileAttributes(mem("/d/f")).getLastModified(); };
-    const auto t0 = folderTime();
-    provider_->createFile(mem("/d/f"));
-    const auto t1 = folderTime();
-    EXPECT_LT(t0, t1);
-    auto stream = provider_->openStream(mem("/d/f"), kReadWrite);
-    const auto f0 = fileTime();
-    stream->write("a", 1);
-    const auto f1 = fileTime();
-    stream->write("b", 1);
-    EXPECT_LT(f0, f1);
-    EXPECT_LT(f1, fileTime());
-    EXPECT_EQ(folderTime(), t1) << "writing a file leaves its folder's time alone";
-    provider_->moveFile(mem("/d/f"), mem("/d/g"), R::Preserve);
-    EXPECT_LT(t1, folderTime());
-}
-
 TEST_F(MemoryProviderTest, ListingsAreSortedSnapshots) {
     put("/b", "bb");
     provider_->createFolder(mem("/a"));
@@ -166,30 +144,6 @@ TEST_F(MemoryProviderTest, ListingsAreSortedSnapshots) {
     }
     EXPECT_EQ(seen, (std::vector<std::string>{"a", "b", "c"}));
     EXPECT_EQ(listing->remainingHint(), std::optional<std::size_t>(0));
-}
-
-TEST_F(MemoryProviderTest, AppendsToASharedFileNeverOverwriteEachOther) {
-    put("/shared", "");
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 3; ++t) {
-        threads.emplace_back([&] {
-            auto stream = provider_->openStream(mem("/shared"),
-                                                {ByteStreamAccess::ReadWrite, ByteStreamCreate::NeverCreate,
-                                                 ByteStreamTruncate::PreserveExisting, ByteStreamAppend::Append});
-            for (int i = 0; i < 200; ++i) EXPECT_EQ(stream->write("0123456789", 10), 10);
-        });
-    }
-    threads.emplace_back([&] {
-        for (int i = 0; i < 200; ++i) {
-            put("/d/x", "x");
-            provider_->moveFile(mem("/d/x"), mem("/d/y"), R::Overwrite);
-            provider_->getFileAttributes(mem("/shared"));
-        }
-    });
-    for (std::thread& thread : threads) thread.join();
-    const std::string content = get("/shared");
-    ASSERT_EQ(content.size(), 6000U);
-    for (std::size_t i = 0; i < content.size(); i += 10) ASSERT_EQ(content.substr(i, 10), "0123456789");
 }
 
 }  // namespace
