@@ -371,6 +371,12 @@ TEST_P(ProviderConformance, WriteWatchersAgreeOnEachChange) {
     write("out", "o");
     const ByteStreamOpenOptions append{ByteStreamAccess::WriteOnly, ByteStreamCreate::NeverCreate,
                                        ByteStreamTruncate::PreserveExisting, ByteStreamAppend::Append};
+    // What a poll may also see where the store replaces a file by removing it first: every
+    // rewrite of an existing file, appends included, is such a replace.
+    const auto gap = [&](const char* path) {
+        if (!can().gappedReplace) return EventLog::Seen{};
+        return EventLog::Seen{{K::FolderChanged, at("w")}, {K::EntryAdded, at(path)}, {K::EntryRemoved, at(path)}};
+    };
     struct Step {
         const char* what;
         std::function<void()> act;
@@ -380,7 +386,8 @@ TEST_P(ProviderConformance, WriteWatchersAgreeOnEachChange) {
     };
     std::vector<Step> script{
         {"create", [&] { write("w/c", "c"); }, {{K::FolderChanged, at("w")}, {K::EntryAdded, at("w/c")}}},
-        {"append", [&] { provider().openStream(at("w/c"), append)->write("+", 1); }, {{K::EntryModified, at("w/c")}}},
+        {"append", [&] { provider().openStream(at("w/c"), append)->write("+", 1); }, {{K::EntryModified, at("w/c")}},
+         gap("w/c")},
         {"rename", [&] { provider().moveFile(at("w/c"), at("w/d"), R::Preserve); },
          {{K::FolderChanged, at("w")}, {K::EntryAdded, at("w/d")}, {K::EntryRemoved, at("w/c")}}},
         {"make a subfolder", [&] { provider().createFolder(at("w/s")); },
@@ -394,9 +401,7 @@ TEST_P(ProviderConformance, WriteWatchersAgreeOnEachChange) {
              stream->close(StreamClosePolicy::Commit);
          },
          {{K::FolderChanged, at("w")}, {K::EntryModified, at("w/a")}},
-         can().gappedReplace ? EventLog::Seen{{K::FolderChanged, at("w")}, {K::EntryAdded, at("w/a")},
-                                               {K::EntryRemoved, at("w/a")}}
-                             : EventLog::Seen{}},
+         gap("w/a")},
         {"move in", [&] { provider().moveFile(at("out"), at("w/b"), R::Preserve); },
          {{K::FolderChanged, at("w")}, {K::EntryAdded, at("w/b")}}},
         {"move out", [&] { provider().moveFile(at("w/b"), at("out"), R::Preserve); },
