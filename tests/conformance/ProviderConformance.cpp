@@ -1,7 +1,6 @@
 #include "ProviderConformance.h"
 
 #include "fl/i18n/convert.h"
-#include "support/TestIO.h"
 
 namespace foundation::storage::provider::conformance {
 
@@ -26,26 +25,18 @@ void ProviderConformance::SetUp() {
         subject_ = providerCase.makePopulatedProvider(standardTree());
         return;
     }
-    ProviderUnderTest subject = providerCase.makeEmptyProvider();
+    subject_ = providerCase.makeEmptyProvider();
     for (const auto& [path, content] : standardTree()) {
-        const StorageIRI location(subject.root, fl::i18n::to_ustring(path));
         if (path.back() == '/') {
-            subject.provider->createFolder(location);
-            continue;
+            provider().createFolder(at(path));
+        } else {
+            write(path, content);
         }
-        auto stream = subject.provider->openStream(location, ByteStreamOpenOptions{});
-        stream->write(content.data(), static_cast<long>(content.size()));
-        stream->close();
     }
-    subject_ = std::move(subject);
 }
 
 StorageIRI ProviderConformance::at(const std::string& relative) const {
     return relative.empty() ? subject_->root : StorageIRI(subject_->root, fl::i18n::to_ustring(relative));
-}
-
-std::string ProviderConformance::read(const std::string& relative) const {
-    return testsupport::readAll(provider(), at(relative));
 }
 
 void ProviderConformance::write(const std::string& relative, const std::string& content) const {
@@ -53,12 +44,8 @@ void ProviderConformance::write(const std::string& relative, const std::string& 
                                                                             ByteStreamCreate::Create,
                                                                             ByteStreamTruncate::TruncateExisting,
                                                                             ByteStreamAppend::Overwrite});
-    EXPECT_EQ(stream->write(content.data(), static_cast<long>(content.size())), static_cast<long>(content.size()));
+    testsupport::writeAll(*stream, content);
     stream->close();
-}
-
-std::set<std::string> ProviderConformance::entries(std::unique_ptr<IFolderEntryIterator> listing) {
-    return testsupport::entrySet(std::move(listing));
 }
 
 Tree ProviderConformance::snapshot() const {
@@ -74,13 +61,15 @@ Tree ProviderConformance::snapshot() const {
     return tree;
 }
 
-void ProviderConformance::expectError(ErrorCode code, const StorageIRI& location,
-                                      const std::function<void()>& action) const {
-    testsupport::expectError(code, location, action);
-}
-
-std::optional<ErrorCode> ProviderConformance::errorOf(const std::function<void()>& action) {
-    return testsupport::errorOf(action);
+void ProviderConformance::expectRefusals(const std::vector<Refusal>& rows) const {
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        SCOPED_TRACE(::testing::Message() << "row " << i + 1 << " at " << rows[i].location.value_or("any location"));
+        const testsupport::Failure failure = testsupport::failureOf(rows[i].call);
+        EXPECT_EQ(failure.code, rows[i].code);
+        if (rows[i].location) {
+            EXPECT_EQ(failure.location, std::optional<StorageIRI>(at(*rows[i].location)));
+        }
+    }
 }
 
 }  // namespace foundation::storage::provider::conformance

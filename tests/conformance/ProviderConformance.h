@@ -6,25 +6,29 @@
 //     INSTANTIATE_TEST_SUITE_P(Memory, ProviderConformance, testing::Values(memoryProviderCase()));
 //
 // Tests named Read* need only reading; those named Write* change the store. A read-only
-// provider runs both halves: with `writable` off, the Write* tests assert the refusals. Where
-// a capability is off, the tests assert the documented error instead of skipping. Where
-// providers may legitimately differ, the tests assert what must hold anyway (no data lost).
+// provider runs both halves: with `writable` off, WriteRefusedWhenReadOnly asserts the
+// refusals and the Write* tests that change the store are skipped. Where another capability
+// is off, the tests assert the documented error instead of skipping. Where providers may
+// legitimately differ, the tests assert what must hold anyway (no data lost).
 
-#include <chrono>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <ostream>
 #include <set>
 #include <string>
+#include <map>
 
 #include <gtest/gtest.h>
 
 #include "storage/provider/IProvider.h"
 #include "storage/provider/StorageItem.h"
+#include "support/TestIO.h"
 
 namespace foundation::storage::provider::conformance {
+
+using testsupport::errorOf;
+using testsupport::expectError;
 
 // What a provider can do beyond the primitives. Each comment says what the suite expects
 // when the capability is off.
@@ -68,6 +72,14 @@ struct ProviderCase {
 
 void PrintTo(const ProviderCase& providerCase, std::ostream* out);
 
+// One row of a table of calls that must fail: the code, the location the error names
+// (relative to the working folder; none: any location), and the call.
+struct Refusal {
+    ErrorCode code;
+    std::optional<std::string> location;
+    std::function<void()> call;
+};
+
 class ProviderConformance : public ::testing::TestWithParam<ProviderCase> {
 protected:
     // Every test starts with a working folder that holds standardTree().
@@ -76,7 +88,6 @@ protected:
 
     const Capabilities& can() const { return GetParam().capabilities; }
     const IProvider& provider() const { return *subject_->provider; }
-    IProvider& mutableProvider() { return *subject_->provider; }
     // The location `relative` to the working folder (empty: the folder itself).
     StorageIRI at(const std::string& relative) const;
     // The same as an item of the provider under test.
@@ -84,18 +95,17 @@ protected:
     const ProviderUnderTest& subject() const { return *subject_; }
 
     // Reads a whole file through openReadOnlyStream.
-    std::string read(const std::string& relative) const;
+    std::string read(const std::string& relative) const { return testsupport::readAll(provider(), at(relative)); }
     // Creates or replaces a file through openStream and closes the stream.
     void write(const std::string& relative, const std::string& content) const;
     // The entries a listing yields: name, then "/" for a folder.
-    static std::set<std::string> entries(std::unique_ptr<IFolderEntryIterator> listing);
+    static std::set<std::string> entries(std::unique_ptr<IFolderEntryIterator> listing) {
+        return testsupport::entrySet(std::move(listing));
+    }
     // Everything below the working folder, as a Tree, walked with listAll and read.
     Tree snapshot() const;
-
-    // Runs `action`, which must throw Exception with `code` and `location`.
-    void expectError(ErrorCode code, const StorageIRI& location, const std::function<void()>& action) const;
-    // The code of the Exception that `action` throws; fails the test when it throws none.
-    static std::optional<ErrorCode> errorOf(const std::function<void()>& action);
+    // Runs every row; each must throw as it says.
+    void expectRefusals(const std::vector<Refusal>& rows) const;
 
 private:
     std::optional<ProviderUnderTest> subject_;

@@ -38,42 +38,13 @@ using testsupport::FaultKind;
 using testsupport::FaultPlan;
 using testsupport::Step;
 using Defaults = FaultInjectingProvider::Defaults;
+using testsupport::pattern;
+using testsupport::put;
+using testsupport::readAll;
+using testsupport::writeAll;
 
 const ByteStreamOpenOptions kReplace{ByteStreamAccess::ReadWrite, ByteStreamCreate::Create,
                                      ByteStreamTruncate::TruncateExisting, ByteStreamAppend::Overwrite};
-
-std::string pattern(std::size_t size, char seed) {
-    std::string bytes(size, '\0');
-    for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(seed + static_cast<char>(i % 251));
-    return bytes;
-}
-
-void writeAll(ByteStream& stream, const std::string& bytes) {
-    for (std::size_t done = 0; done < bytes.size();) {
-        const long n = stream.write(bytes.data() + done, static_cast<long>(bytes.size() - done));
-        ASSERT_GT(n, 0) << "a write took nothing";
-        done += static_cast<std::size_t>(n);
-    }
-}
-
-std::string readAll(const IProvider& provider, const StorageIRI& file) {
-    auto stream = provider.openReadOnlyStream(file);
-    std::string bytes;
-    std::vector<char> buffer(65536);
-    for (long n; (n = stream->read(buffer.data(), static_cast<long>(buffer.size()))) > 0;) {
-        bytes.append(buffer.data(), static_cast<std::size_t>(n));
-    }
-    return bytes;
-}
-
-std::vector<std::string> namesIn(const IProvider& provider, const StorageIRI& folder) {
-    std::vector<std::string> names;
-    for (auto entries = provider.listAll(folder); entries->hasNext();) {
-        entries->next();
-        names.push_back(fl::i18n::to_string(entries->get().getName()));
-    }
-    return names;
-}
 
 // Equality of two byte strings, reported by size and first difference rather than in full.
 ::testing::AssertionResult sameBytes(const std::string& actual, const std::string& expected) {
@@ -84,40 +55,18 @@ std::vector<std::string> namesIn(const IProvider& provider, const StorageIRI& fo
                                          << " were expected, first difference at " << at;
 }
 
-bool endsWith(const std::string& text, const std::string& tail) {
-    return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
-}
-
-// A fresh folder under the system's temporary folder, removed with its contents.
-class TempFolder {
-public:
-    TempFolder() {
-        std::string name = (std::filesystem::temp_directory_path() / "qkfl-faults-XXXXXX").string();
-        if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-        path_ = name;
-    }
-    TempFolder(const TempFolder&) = delete;
-    TempFolder& operator=(const TempFolder&) = delete;
-    ~TempFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    StorageIRI location() const { return StorageIRI(fl::i18n::to_ustring("file://" + path_.string())); }
-
-private:
-    std::filesystem::path path_;
-};
-
 enum class Store { Memory, Local };
 
 // The stores of one run: a memory source and a target store, each seen raw (for set-up and
-// checks) and through a fault-injecting provider (for the operation), over one plan.
+// checks) and through a fault-injecting provider (for the operation), over one plan. A local
+// target works in a fresh temporary folder, removed with the world.
 struct World {
     explicit World(Store store, Defaults targetDefaults) {
         if (store == Store::Local) {
-            temp = std::make_unique<TempFolder>();
+            temp = (std::filesystem::temp_directory_path() / "qkfl-faults-XXXXXX").string();
+            if (::mkdtemp(temp.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
             rawTarget = std::make_shared<local::LocalProvider>();
-            folder = temp->location();
+            folder = StorageIRI(fl::i18n::to_ustring("file://" + temp));
         } else {
             rawTarget = memory::makeMemoryProvider();
             folder = StorageIRI(u"mem:///work");
@@ -127,22 +76,21 @@ struct World {
         target = std::make_shared<FaultInjectingProvider>(rawTarget, plan, targetDefaults);
         source = std::make_shared<FaultInjectingProvider>(rawSource, plan, Defaults::Here);
     }
-    StorageIRI at(const std::string& name) const { return StorageIRI(folder, fl::i18n::to_ustring(name)); }
-    void put(const StorageIRI& file, const std::string& bytes, const IProvider& provider) const {
-        auto stream = provider.openStream(file, kReplace);
-        writeAll(*stream, bytes);
-        stream->close();
+    World(const World&) = delete;
+    World& operator=(const World&) = delete;
+    ~World() {
+        std::error_code ignored;
+        if (!temp.empty()) std::filesystem::remove_all(temp, ignored);
     }
+    StorageIRI at(const std::string& name) const { return StorageIRI(folder, fl::i18n::to_ustring(name)); }
     std::vector<std::string> scratchNames() const {
-        std::vector<std::string> found;
-        for (const auto& name : namesIn(*rawTarget, folder)) {
-            if (endsWith(name, ".tmp.bak")) found.push_back(name);
-        }
+        std::vector<std::string> found = testsupport::namesOf(rawTarget->listAll(folder));
+        std::erase_if(found, [](const std::string& name) { return !name.ends_with(".tmp.bak"); });
         return found;
     }
 
     std::shared_ptr<FaultPlan> plan = std::make_shared<FaultPlan>();
-    std::unique_ptr<TempFolder> temp;
+    std::string temp;
     std::shared_ptr<IProvider> rawSource = memory::makeMemoryProvider();
     std::shared_ptr<IProvider> rawTarget;
     StorageIRI folder{u"mem:///"};
@@ -177,7 +125,7 @@ const std::string kNew = pattern(300000, 'n');
 // Writes kNew through a transactional stream and closes it with `policy`.
 Operation transactionalWrite(StreamClosePolicy policy) {
     return {
-        [](World& w) { w.put(w.at("file"), kOld, *w.rawTarget); },
+        [](World& w) { put(*w.rawTarget, w.at("file"), kOld); },
         [policy](World& w) {
             auto stream = w.target->openTransactionalStream(w.at("file"), kReplace);
             for (std::size_t done = 0; done < kNew.size(); done += 100000) {
@@ -214,16 +162,23 @@ Operation transactionalWrite(StreamClosePolicy policy) {
 // --- Copies across providers ----------------------------------------------------------------
 
 const std::string kSource = pattern(4 * 1024 * 1024 + 1000, 's');  // two chunks
+const StorageIRI kFrom(u"mem:///from/source");
+
+// Where the first step that `match` accepts came in the run, or the step count.
+std::ptrdiff_t firstStep(const World& w, const std::function<bool(const Step&)>& match) {
+    const std::vector<Step> steps = w.plan->steps();
+    return std::find_if(steps.begin(), steps.end(), match) - steps.begin();
+}
 
 Operation crossCopy(TransactionPolicy transaction) {
     const bool atomic = transaction == TransactionPolicy::Atomic;
     return {
         [](World& w) {
-            w.put(StorageIRI(u"mem:///from/source"), kSource, *w.rawSource);
-            w.put(w.at("file"), kOld, *w.rawTarget);
+            put(*w.rawSource, kFrom, kSource);
+            put(*w.rawTarget, w.at("file"), kOld);
         },
         [transaction](World& w) {
-            const StorageItem from(w.source, StorageIRI(u"mem:///from/source"));
+            const StorageItem from(w.source, kFrom);
             const StorageItem to(w.target, w.at("file"));
             const auto status = from.copyFile(to, CopyFileOptions{ReplacementPolicy::Overwrite, transaction,
                                                                   [] { return InterruptSignal::Continue; }});
@@ -232,13 +187,19 @@ Operation crossCopy(TransactionPolicy transaction) {
         // A stream failure on either side is reported against the source.
         [](const World&, const Step& step, FaultKind kind) {
             if (kind == FaultKind::Exception) return step.location;
-            return StorageIRI(u"mem:///from/source");
+            return kFrom;
         },
         [atomic](World& w, bool failed) {
-            EXPECT_TRUE(sameBytes(readAll(*w.rawSource, StorageIRI(u"mem:///from/source")), kSource));
+            EXPECT_TRUE(sameBytes(readAll(*w.rawSource, kFrom), kSource));
             const std::string now = readAll(*w.rawTarget, w.at("file"));
+            const auto fired = w.plan->fired();
+            EXPECT_FALSE(failed && fired && fired->name == "close" && fired->location == kFrom)
+                << "a failure to close the source failed the copy";
             if (!failed) {
                 EXPECT_TRUE(sameBytes(now, kSource));
+                // Read first, so that an unreadable source leaves even a non-atomic target as it was.
+                EXPECT_LT(firstStep(w, [](const Step& s) { return s.name == "read"; }),
+                          firstStep(w, [](const Step& s) { return s.location != kFrom && s.name.starts_with("doOpen"); }));
             } else if (atomic) {
                 EXPECT_TRUE(now == kOld || now == kSource) << "mixed content, " << now.size() << " bytes";
             } else {
@@ -257,7 +218,7 @@ const std::string kLong = pattern(300000, 't');
 
 Operation truncation(std::uint64_t from, std::uint64_t to) {
     return {
-        [from](World& w) { w.put(w.at("file"), kLong.substr(0, from), *w.rawTarget); },
+        [from](World& w) { put(*w.rawTarget, w.at("file"), kLong.substr(0, from)); },
         [to](World& w) { w.target->truncateToSize(w.at("file"), to); },
         // Exceptions are reported against the file; stream failures pass unchanged.
         [](const World& w, const Step&, FaultKind kind) -> std::optional<StorageIRI> {
@@ -322,8 +283,8 @@ std::vector<std::string> pollEvents(const StorageIRI& folder) {
 Operation poll() {
     return {
         [](World& w) {
-            w.put(w.at("a"), "a", *w.rawTarget);
-            w.put(w.at("b"), "b", *w.rawTarget);
+            put(*w.rawTarget, w.at("a"), "a");
+            put(*w.rawTarget, w.at("b"), "b");
             const ChangeEventCallback record = [&w](const events::Kind& kind, const StorageIRI&,
                                                     const StorageIRI& entry, const events::EntryType&,
                                                     boost::property_tree::ptree) {
@@ -340,9 +301,9 @@ Operation poll() {
                 guard.pollerKinds(), RecursiveChangePolling::NonRecursive);
             w.poller->buildInitialSnapshot();
             guard.arm();
-            w.put(w.at("a"), "a2", *w.rawTarget);
+            put(*w.rawTarget, w.at("a"), "a2");
             w.rawTarget->removeFile(w.at("b"));
-            w.put(w.at("c"), "c", *w.rawTarget);
+            put(*w.rawTarget, w.at("c"), "c");
         },
         [](World& w) {
             w.events.clear();
@@ -490,6 +451,73 @@ INSTANTIATE_TEST_SUITE_P(
         Sweep{"MemoryPollException", Mem, Here, poll, E, ErrorCode::IOError},
         Sweep{"MemoryPollNotFound", Mem, Here, poll, E, ErrorCode::ResourceNotFound}),
     [](const ::testing::TestParamInfo<Sweep>& line) { return std::string(line.param.name); });
+
+// Streamed copies between two memory providers: the callback is asked after each 4 MiB chunk
+// and may abort; a write that takes nothing ends the copy quietly. `kept` is how much of the
+// source the target holds afterwards; none: the target is as it was (old or absent).
+struct StreamedCopy {
+    const char* name;
+    std::size_t size;
+    TransactionPolicy transaction;
+    bool targetExists;
+    int abortAt;       // the callback's call that answers Abort; 0: none
+    int refusedWrite;  // the write that takes nothing (it must be of one byte); 0: none
+    TransactionStatus status;
+    std::optional<std::size_t> kept;
+    int asked;
+    int writes;
+};
+
+std::ostream& operator<<(std::ostream& out, const StreamedCopy& copy) { return out << copy.name; }
+
+class StreamedCopies : public ::testing::TestWithParam<StreamedCopy> {};
+
+TEST_P(StreamedCopies, ChunksCallbacksAndEnds) {
+    const StreamedCopy& row = GetParam();
+    World w(Store::Memory, Defaults::Here);
+    const std::string bytes = pattern(row.size, 'c');
+    put(*w.rawSource, kFrom, bytes);
+    if (row.targetExists) put(*w.rawTarget, w.at("file"), kOld);
+    if (row.refusedWrite > 0) {
+        w.plan->arm(FaultPlan::Fault{"write", row.refusedWrite, FaultKind::ShortWrite, ErrorCode::IOError});
+    }
+    int asked = 0;
+    const CopyFileOptions options{ReplacementPolicy::Overwrite, row.transaction, [&] {
+                                      return ++asked == row.abortAt ? InterruptSignal::Abort : InterruptSignal::Continue;
+                                  }};
+    EXPECT_EQ(StorageItem(w.source, kFrom).copyFile(StorageItem(w.target, w.at("file")), options), row.status);
+    EXPECT_EQ(asked, row.asked);
+    const std::vector<Step> steps = w.plan->steps();
+    EXPECT_EQ(std::count_if(steps.begin(), steps.end(), [](const Step& s) { return s.name == "write"; }), row.writes);
+    if (row.kept) {
+        EXPECT_TRUE(sameBytes(readAll(*w.rawTarget, w.at("file")), bytes.substr(0, *row.kept)));
+    } else if (row.targetExists) {
+        EXPECT_EQ(readAll(*w.rawTarget, w.at("file")), kOld);
+    } else {
+        EXPECT_FALSE(w.rawTarget->fileExists(w.at("file")));
+    }
+    EXPECT_EQ(w.scratchNames(), std::vector<std::string>{});
+}
+
+constexpr std::size_t kMiB = 1024 * 1024;
+constexpr auto Atomic = TransactionPolicy::Atomic;
+constexpr auto Plain = TransactionPolicy::NonAtomic;
+constexpr auto Done = TransactionStatus::Completed;
+constexpr auto Aborted = TransactionStatus::Aborted;
+
+INSTANTIATE_TEST_SUITE_P(
+    Copies, StreamedCopies,
+    ::testing::Values(StreamedCopy{"Empty", 0, Plain, true, 0, 0, Done, 0, 0, 0},
+                      StreamedCopy{"OneByte", 1, Atomic, true, 0, 0, Done, 1, 1, 1},
+                      StreamedCopy{"OneChunk", 4 * kMiB, Plain, false, 0, 0, Done, 4 * kMiB, 1, 1},
+                      StreamedCopy{"ChunkAndAByte", 4 * kMiB + 1, Atomic, false, 0, 0, Done, 4 * kMiB + 1, 2, 2},
+                      StreamedCopy{"AtomicAbortKeepsTheTarget", 10 * kMiB, Atomic, true, 1, 0, Aborted, {}, 1, 1},
+                      StreamedCopy{"AtomicAbortCreatesNothing", 10 * kMiB, Atomic, false, 2, 0, Aborted, {}, 2, 2},
+                      StreamedCopy{"AbortKeepsWhatCame", 10 * kMiB, Plain, true, 2, 0, Aborted, 8 * kMiB, 2, 2},
+                      StreamedCopy{"AbortAfterTheLastChunk", 10 * kMiB, Plain, false, 3, 0, Aborted, 10 * kMiB, 3, 3},
+                      StreamedCopy{"RefusedWriteEnds", 4 * kMiB + 1, Plain, true, 0, 2, Done, 4 * kMiB, 1, 2},
+                      StreamedCopy{"RefusedWriteCommits", 4 * kMiB + 1, Atomic, true, 0, 2, Done, 4 * kMiB, 1, 2}),
+    [](const ::testing::TestParamInfo<StreamedCopy>& line) { return std::string(line.param.name); });
 
 }  // namespace
 }  // namespace foundation::storage::provider
