@@ -39,14 +39,12 @@ struct Outcome {
     std::string err;
 };
 
-// The whole of what `file` holds, read without moving the offset a writer shares.
+// The whole of what `file` holds, read through a descriptor of its own so that the offset
+// a writer shares does not move.
 std::string contentOf(std::FILE* file) {
-    std::string content;
-    char buffer[4096];
-    for (ssize_t n; (n = ::pread(::fileno(file), buffer, sizeof buffer, static_cast<off_t>(content.size()))) > 0;) {
-        content.append(buffer, static_cast<std::size_t>(n));
-    }
-    return content;
+    std::ostringstream content;
+    content << std::ifstream("/proc/self/fd/" + std::to_string(::fileno(file)), std::ios::binary).rdbuf();
+    return content.str();
 }
 
 // qkfl run with `args` in the folder `cwd`, its standard output and error kept in files the
