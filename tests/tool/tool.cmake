@@ -1,9 +1,11 @@
-# qkfl: the built tool end to end, as a child process. The tests
-# build their sample archives with libzip, so they need the zip provider's build too.
-if(TARGET qkfl AND TARGET libzip::zip)
-  add_executable(qkfl_tool_tests ${CMAKE_CURRENT_LIST_DIR}/QkflCliTest.cpp ${CMAKE_CURRENT_LIST_DIR}/ToolRunner.cpp)
-  target_link_libraries(qkfl_tool_tests PRIVATE
-    qkfl::storageprovider libzip::zip GTest::gtest GTest::gtest_main qkfl_warnings)
+# qkfl: the built tool end to end, as a child process. The tests build their sample archives
+# with the zip tests' support, so they need the providers' builds too.
+if(TARGET qkfl AND TARGET qkfl::zipprovider AND TARGET qkfl::memoryprovider)
+  add_executable(qkfl_tool_tests ${CMAKE_CURRENT_LIST_DIR}/QkflCliTest.cpp
+                 ${CMAKE_CURRENT_SOURCE_DIR}/providers/zip/ZipTestSupport.cpp)
+  target_link_libraries(qkfl_tool_tests PRIVATE qkfl::memoryprovider qkfl::zipprovider qkfl::storageprovider
+                        libzip::zip GTest::gtest GTest::gtest_main qkfl_warnings)
+  target_include_directories(qkfl_tool_tests PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
   target_compile_definitions(qkfl_tool_tests PRIVATE QKFL_TOOL_PATH="$<TARGET_FILE:qkfl>")
   add_dependencies(qkfl_tool_tests qkfl)
   qkfl_test_pch(qkfl_tool_tests)
