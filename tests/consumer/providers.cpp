@@ -1,6 +1,6 @@
 // Uses the reference providers the way an application would: the local file system and zip
-// archives through their factories, the memory store directly, a file written atomically and
-// copied across two providers, and a folder watched by polling.
+// archives through their factories, the memory store directly, a WebDAV server's provider, a
+// file written atomically and copied across two providers, and a folder watched by polling.
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -12,6 +12,7 @@
 
 #include "storage/provider.h"
 #include "storage/provider/StorageItem.h"
+#include "storage/provider/dav/DavProvider.h"
 #include "storage/provider/local/LocalProvider.h"
 #include "storage/provider/memory/MemoryProvider.h"
 #include "storage/provider/zip/ZipProvider.h"
@@ -54,6 +55,9 @@ bool run(const sp::StorageIRI& folder) {
     const sp::StorageItem inZip =
         archives.itemFor(entry, [&](const sp::StorageIRI& location) { return files.buildProvider(location); });
     if (inZip.getProvider()->exists(entry) != sp::ExistenceType::AsNeither) return fail("entry of a missing zip");
+
+    // A server's provider is made without a request.
+    const sp::dav::DavProvider server(sp::StorageIRI(sp::ustring(u"dav://127.0.0.1:9/")));
 
     std::mutex mutex;
     std::condition_variable added;
