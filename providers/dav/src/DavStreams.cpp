@@ -112,7 +112,9 @@ WriteStream::WriteStream(int file, bool append, std::string name, Upload upload)
 
 WriteStream::~WriteStream() {
     try {
-        close();
+        // The caller was told of a failed upload: sending its MOVE again unasked would be a
+        // blind retry.
+        if (!uploadFailed_) close();
     } catch (...) {
         // Destruction cannot report; the target keeps its old content.
     }
@@ -164,7 +166,12 @@ void WriteStream::doClose() {
     if (!upload_) return;
     const off_t size = ::lseek(file_, 0, SEEK_END);
     // Closing again after a failed upload tries again; after a success it does nothing.
-    upload_(file_, size);
+    try {
+        upload_(file_, size);
+    } catch (...) {
+        uploadFailed_ = true;
+        throw;
+    }
     upload_ = nullptr;
     ::close(file_);
     file_ = -1;

@@ -39,7 +39,8 @@ private:
 };
 
 // Writes to a local temporary file; closing hands the file to `upload`, once. A stream
-// destroyed unclosed uploads too, swallowing a failure.
+// destroyed unclosed uploads too, swallowing a failure; one whose upload has failed does not
+// upload again when destroyed (only a further close() tries again).
 class WriteStream final : public ByteStream {
 public:
     using Upload = std::function<void(int file, std::int64_t size)>;
@@ -60,6 +61,7 @@ private:
     bool append_;
     std::string name_;
     Upload upload_;
+    bool uploadFailed_ = false;
 };
 
 }  // namespace foundation::storage::provider::dav::detail

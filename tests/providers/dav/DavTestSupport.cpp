@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -24,24 +25,23 @@ namespace {
 
 namespace fs = std::filesystem;
 
-int freePort() {
-    const int s = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ::bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    ::getsockname(s, reinterpret_cast<sockaddr*>(&address), &length);
-    ::close(s);
-    return ntohs(address.sin_port);
-}
-
-bool accepts(int port) {
-    const int s = ::socket(AF_INET, SOCK_STREAM, 0);
+sockaddr_in loopback(int port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     address.sin_port = htons(static_cast<std::uint16_t>(port));
+    return address;
+}
+
+int freePort() {
+    int port = 0;
+    ::close(loopbackSocket(port));
+    return port;
+}
+
+bool accepts(int port) {
+    const int s = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = loopback(port);
     const bool connected = ::connect(s, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
     ::close(s);
     return connected;
@@ -59,6 +59,16 @@ void handOver(const fs::path& path) {
 }
 
 }  // namespace
+
+int loopbackSocket(int& port) {
+    const int s = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = loopback(0);
+    socklen_t length = sizeof address;
+    ::bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    ::getsockname(s, reinterpret_cast<sockaddr*>(&address), &length);
+    port = ntohs(address.sin_port);
+    return s;
+}
 
 TestServer::TestServer(Kind kind) : kind_(kind) {
     char pattern[] = "/tmp/qkfl-dav-server-XXXXXX";
@@ -168,20 +178,10 @@ TestServer::~TestServer() {
 
 TestServer& TestServer::shared(Kind kind) {
     // Each started only when asked for.
-    switch (kind) {
-        case Kind::Nginx: {
-            static TestServer nginx(Kind::Nginx);
-            return nginx;
-        }
-        case Kind::Rclone: {
-            static TestServer rclone(Kind::Rclone);
-            return rclone;
-        }
-        default: {
-            static TestServer apache(Kind::Apache);
-            return apache;
-        }
-    }
+    static std::unique_ptr<TestServer> servers[4];
+    std::unique_ptr<TestServer>& server = servers[static_cast<int>(kind)];
+    if (!server) server = std::make_unique<TestServer>(kind);
+    return *server;
 }
 
 StorageIRI TestServer::at(const std::string& path) const {
@@ -189,12 +189,18 @@ StorageIRI TestServer::at(const std::string& path) const {
                                            std::to_string(port_) + path));
 }
 
-std::string TestServer::onDisk(const std::string& path) const { return folder_ + "/root" + path; }
-
-std::shared_ptr<DavProvider> providerFor(const TestServer& server, const boost::property_tree::ptree& configuration) {
+std::shared_ptr<DavProvider> providerFor(const TestServer& server, const std::string& settings) {
     auto provider = std::make_shared<DavProvider>(server.at("/"));
-    if (!configuration.empty()) provider->configure(configuration);
+    provider->configure(configuration(settings));
     return provider;
+}
+
+boost::property_tree::ptree configuration(const std::string& settings) {
+    boost::property_tree::ptree configuration;
+    std::istringstream words(settings);
+    for (std::string word; words >> word;)
+        configuration.put(word.substr(0, word.find('=')), word.substr(word.find('=') + 1));
+    return configuration;
 }
 
 }  // namespace foundation::storage::provider::dav::test

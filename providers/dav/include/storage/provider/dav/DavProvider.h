@@ -33,7 +33,9 @@ class Session;
 //   the target, MOVE over the target with "Overwrite: T", then a check of the size. The
 //   server never shows a half-written file; after a failed upload the target keeps its old
 //   content and the scratch file is removed, unless the server went away between the PUT and
-//   the MOVE: then the hidden scratch file (isScratchName) stays until someone removes it. A stream destroyed unclosed uploads too, and swallows a failure.
+//   the MOVE: then the hidden scratch file (isScratchName) stays until someone removes it.
+//   A stream destroyed unclosed uploads too, and swallows a failure; after a close whose
+//   upload failed, only another close() tries again (destruction does not).
 // - folders by MKCOL after a look at the name (some servers answer success for a folder
 //   that exists), removal by DELETE (a folder only after a listing found it empty, so
 //   another client's file added in between is removed with it), moves and copies by MOVE
