@@ -189,6 +189,8 @@ StorageIRI TestServer::at(const std::string& path) const {
                                            std::to_string(port_) + path));
 }
 
+std::string TestServer::onDisk(const std::string& path) const { return folder_ + "/root" + path; }
+
 std::shared_ptr<DavProvider> providerFor(const TestServer& server, const std::string& settings) {
     auto provider = std::make_shared<DavProvider>(server.at("/"));
     provider->configure(configuration(settings));

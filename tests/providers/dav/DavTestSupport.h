@@ -33,6 +33,9 @@ public:
 
     // 'dav://127.0.0.1:<port>' + path ('davs' with TLS).
     StorageIRI at(const std::string& path) const;
+    // The file on disk behind a server path, and the access log ("request status bytes").
+    std::string onDisk(const std::string& path) const;
+    std::string accessLog() const { return folder_ + "/access.log"; }
     int port() const { return port_; }
     std::string caFile() const { return folder_ + "/cert.pem"; }
 
