@@ -23,8 +23,9 @@ protected:
     void doClose() override;
 
 private:
-    // Fetches the range at position_; false at the end of the file.
-    bool fill();
+    // Fetches a new range holding position_ and at least `count` bytes after it (up to the
+    // largest chunk); false at the end of the file.
+    bool fill(std::size_t count);
     [[noreturn]] void fail(ErrorCode code, const std::string& why) const;
 
     const Session& session_;
