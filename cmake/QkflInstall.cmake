@@ -11,7 +11,7 @@ install(TARGETS qkflstorageprovider EXPORT qkflstorageproviderTargets
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ ${PROJECT_SOURCE_DIR}/platform/include/
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 
-foreach(p memory local zip)
+foreach(p memory local zip dav)
   if(TARGET qkfl_${p}provider)
     install(TARGETS qkfl_${p}provider EXPORT qkflstorageproviderTargets
       ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}

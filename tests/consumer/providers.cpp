@@ -1,6 +1,6 @@
 // Uses each reference provider the way an application would: the local file system and zip
-// archives through their factories, the memory store directly, a file written atomically and
-// copied across two providers.
+// archives through their factories, the memory store directly, a WebDAV server's provider, a
+// file written atomically and copied across two providers.
 #include <cstdlib>
 #include <iostream>
 
@@ -8,6 +8,7 @@
 
 #include "storage/provider.h"
 #include "storage/provider/StorageItem.h"
+#include "storage/provider/dav/DavProvider.h"
 #include "storage/provider/local/LocalProvider.h"
 #include "storage/provider/memory/MemoryProvider.h"
 #include "storage/provider/zip/ZipProvider.h"
@@ -34,6 +35,9 @@ bool run(const sp::StorageIRI& folder) {
     const sp::StorageItem inZip = sp::zip::ZipProviderFactory().itemFor(
         entry, [&](const sp::StorageIRI& location) { return files.buildProvider(location); });
     const bool zipped = inZip.getProvider()->exists(entry) == sp::ExistenceType::AsNeither;
+
+    // A server's provider is made without a request.
+    const sp::dav::DavProvider server(sp::StorageIRI(sp::ustring(u"dav://127.0.0.1:9/")));
     if (!copied || !zipped) std::cerr << "providers consumer: " << (copied ? "a missing zip" : "a copy") << "\n";
     return copied && zipped;
 }

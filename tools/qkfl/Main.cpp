@@ -162,6 +162,9 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     app.set_version_flag("--version", fmt::format("qkfl {}", sp::libraryVersion()), "Print the library's version");
     app.failure_message(usageFailure);
+    bool insecure = false;
+    app.add_flag("--insecure", insecure,
+                 "Accept any TLS certificate of a davs:// server (certificates are verified by default)");
 
     LsOptions ls;
     auto* lsCmd = app.add_subcommand("ls", "List a folder, or show one file");
@@ -281,7 +284,7 @@ int main(int argc, char** argv) {
         return status == 0 ? kExitOk : kExitUsage;
     }
 
-    const ProviderRegistry registry;
+    const ProviderRegistry registry(insecure);
     if (*lsCmd) return run("ls", ls.location, [&] { return runLs(registry, ls); });
     if (*statCmd) return run("stat", statLocation, [&] { return runStat(registry, statLocation); });
     if (*catCmd) return run("cat", catLocation, [&] { return runCat(registry, catLocation); });

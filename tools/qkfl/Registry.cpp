@@ -7,9 +7,6 @@
 #include "Text.h"
 #include "storage/provider/Exception.h"
 #include "storage/provider/PathConversions.h"
-#ifdef QKFL_TOOL_WITH_DAV
-#include "storage/provider/dav/DavProvider.h"
-#endif
 
 namespace qkfl {
 
@@ -29,24 +26,6 @@ bool startsWithScheme(std::string_view text) {
     throw sp::addExceptionContext(sp::Exception(sp::ErrorCode::InvalidLocation, location),
                                   u"no provider for the scheme '" + location.getScheme() + u"'");
 }
-
-#ifdef QKFL_TOOL_WITH_DAV
-// One provider per server for the whole process, with credentials from the user's ~/.netrc
-// when there is one.
-const sp::dav::DavProviderFactory& davFactory() {
-    static const sp::dav::DavProviderFactory factory = [] {
-        sp::dav::DavProviderFactory made;
-        const char* home = std::getenv("HOME");
-        if (home && std::filesystem::exists(std::filesystem::path(home) / ".netrc")) {
-            boost::property_tree::ptree configuration;
-            configuration.put("netrc", (std::filesystem::path(home) / ".netrc").string());
-            made.configure(configuration);
-        }
-        return made;
-    }();
-    return factory;
-}
-#endif
 
 }  // namespace
 
@@ -94,7 +73,20 @@ bool ProviderRegistry::serves(std::string_view scheme) {
     return scheme == "file" || scheme == "mem";
 }
 
-ProviderRegistry::ProviderRegistry() : memory_(sp::memory::makeMemoryProvider()) {}
+ProviderRegistry::ProviderRegistry(bool insecure) : memory_(sp::memory::makeMemoryProvider()) {
+#ifdef QKFL_TOOL_WITH_DAV
+    // Credentials from the user's ~/.netrc when there is one; TLS verified unless asked not to.
+    boost::property_tree::ptree configuration;
+    const char* home = std::getenv("HOME");
+    if (home && std::filesystem::exists(std::filesystem::path(home) / ".netrc")) {
+        configuration.put("netrc", (std::filesystem::path(home) / ".netrc").string());
+    }
+    if (insecure) configuration.put("verifyTls", "false");
+    dav_.configure(configuration);
+#else
+    (void)insecure;
+#endif
+}
 
 std::shared_ptr<sp::IProvider> ProviderRegistry::physicalProvider(const sp::StorageIRI& location) const {
     const std::u16string scheme = location.getScheme();
@@ -109,7 +101,7 @@ std::shared_ptr<sp::IProvider> ProviderRegistry::physicalProvider(const sp::Stor
     }
     if (scheme == u"mem") return memory_;
 #ifdef QKFL_TOOL_WITH_DAV
-    if (scheme == u"dav" || scheme == u"davs") return davFactory().buildProvider(location);
+    if (scheme == u"dav" || scheme == u"davs") return dav_.buildProvider(location);
 #endif
     noProvider(location);
 }

@@ -11,6 +11,9 @@
 #ifdef QKFL_TOOL_WITH_ZIP
 #include "storage/provider/zip/ZipProvider.h"
 #endif
+#ifdef QKFL_TOOL_WITH_DAV
+#include "storage/provider/dav/DavProvider.h"
+#endif
 
 namespace qkfl {
 
@@ -34,12 +37,14 @@ bool isLocalPath(std::string_view text);
 
 // Maps schemes to providers: 'file' to the local provider (through its factory), 'mem' to one
 // memory store shared by the whole process, 'zip' (at any depth of nesting) to the zip
-// provider of the container, built through its factory from the container's own item.
+// provider of the container, built through its factory from the container's own item; 'dav'
+// and 'davs' to one WebDAV provider per server, with credentials from ~/.netrc.
 // Providers live while some item holds them, so items made while another is alive share its
 // provider.
 class ProviderRegistry {
 public:
-    ProviderRegistry();
+    // `insecure`: accept any TLS certificate of a 'davs' server (verified by default).
+    explicit ProviderRegistry(bool insecure = false);
 
     // Whether a provider here serves `scheme` (a container scheme at any depth).
     static bool serves(std::string_view scheme);
@@ -56,6 +61,9 @@ private:
     std::shared_ptr<sp::memory::MemoryProvider> memory_;
 #ifdef QKFL_TOOL_WITH_ZIP
     sp::zip::ZipProviderFactory zip_;
+#endif
+#ifdef QKFL_TOOL_WITH_DAV
+    sp::dav::DavProviderFactory dav_;
 #endif
 };
 

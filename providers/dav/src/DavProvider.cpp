@@ -253,16 +253,9 @@ FolderEntry folderEntryOf(ustring name, const DavEntry& entry) {
                         : FolderEntry(std::move(name), fileAttributesOf(entry));
 }
 
-enum class Filter { All, Files, Folders };
-
-std::unique_ptr<IFolderEntryIterator> listing(const Session& session, const StorageIRI& folder, Filter filter) {
-    const std::string path = session.pathOf(folder);
-    std::vector<FolderEntry> entries;
-    for (const DavEntry& entry : Operations(session).list(folder, path)) {
-        if ((filter == Filter::Files && entry.folder) || (filter == Filter::Folders && !entry.folder)) continue;
-        entries.push_back(folderEntryOf(fl::i18n::to_ustring(nameOf(entry.path)), entry));
-    }
-    return std::make_unique<SnapshotIterator>(std::move(entries));
+bool selected(const ListingRequest& request, const DavEntry& entry) {
+    return request.select == ListingRequest::Select::All ||
+           entry.folder == (request.select == ListingRequest::Select::Folders);
 }
 
 // An unlinked temporary file.
@@ -283,6 +276,10 @@ int temporaryFile(const StorageIRI& location) {
 DavProvider::DavProvider(const StorageIRI& location) : session_(std::make_unique<detail::Session>(location)) {}
 
 DavProvider::~DavProvider() { endChangePolling(); }
+
+DavProvider::Traffic DavProvider::traffic() const {
+    return Traffic{session_->requestsSent.load(), session_->bytesReceived.load()};
+}
 
 void DavProvider::doConfigure(boost::property_tree::ptree configuration) {
     detail::Settings settings = detail::Settings::from(configuration, StorageIRI(fl::i18n::to_ustring(session_->origin())));
@@ -521,24 +518,21 @@ std::unique_ptr<ByteStream> DavProvider::doOpenStream(const StorageIRI& location
         [session, location, path](int data, std::int64_t size) { Operations(*session).upload(location, path, data, size); });
 }
 
-std::unique_ptr<IFolderEntryIterator> DavProvider::doListAll(const StorageIRI& folder) const {
-    return listing(*session_, folder, Filter::All);
-}
-
-std::unique_ptr<IFolderEntryIterator> DavProvider::doListFiles(const StorageIRI& folder) const {
-    return listing(*session_, folder, Filter::Files);
-}
-
-std::unique_ptr<IFolderEntryIterator> DavProvider::doListFolders(const StorageIRI& folder) const {
-    return listing(*session_, folder, Filter::Folders);
-}
-
-// Servers refuse Depth infinity: the walk lists one folder a request, a few at once. The
-// entries come sorted by path, so a folder comes before what it holds.
-std::unique_ptr<IFolderEntryIterator> DavProvider::doListAllRecursive(const StorageIRI& folder) const {
-    constexpr int kConcurrentRequests = 4;
+// A folder's listing is one PROPFIND answer, attributes included. Servers refuse Depth
+// infinity: a recursive walk lists one folder a request, a few at once, and its entries come
+// sorted by path, so a folder comes before what it holds.
+std::unique_ptr<IFolderEntryIterator> DavProvider::doList(const StorageIRI& folder, ListingRequest request) const {
     const std::string root = session_->pathOf(folder);
     const Operations ops(*session_);
+    if (!request.recursive) {
+        std::vector<FolderEntry> entries;
+        for (const DavEntry& entry : ops.list(folder, root)) {
+            if (!selected(request, entry)) continue;
+            entries.push_back(folderEntryOf(fl::i18n::to_ustring(nameOf(entry.path)), entry));
+        }
+        return std::make_unique<SnapshotIterator>(std::move(entries));
+    }
+    constexpr int kConcurrentRequests = 4;
     const std::size_t prefix = root == "/" ? 1 : root.size() + 1;
     std::mutex mutex;
     std::condition_variable changed;
@@ -584,7 +578,9 @@ std::unique_ptr<IFolderEntryIterator> DavProvider::doListAllRecursive(const Stor
     std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
     std::vector<FolderEntry> entries;
     entries.reserve(found.size());
-    for (const auto& [relative, entry] : found) entries.push_back(folderEntryOf(fl::i18n::to_ustring(relative), entry));
+    for (const auto& [relative, entry] : found) {
+        if (selected(request, entry)) entries.push_back(folderEntryOf(fl::i18n::to_ustring(relative), entry));
+    }
     return std::make_unique<SnapshotIterator>(std::move(entries));
 }
 
@@ -608,6 +604,13 @@ ProviderStorageInfo DavProvider::doGetProviderStorageInfo(const StorageIRI& loca
     info.withSpaceOccupied(used);
     if (found->quotaAvailable) info.withStorageCapacity(used + *found->quotaAvailable);
     return info;
+}
+
+std::optional<extensions::FileIdentity> DavProvider::doGetFileIdentity(const StorageIRI& location) const {
+    const std::string path = session_->pathOf(location);
+    const std::optional<DavEntry> entry = Operations(*session_).stat(location, path);
+    if (!entry || entry->folder) return std::nullopt;
+    return extensions::FileIdentity{session_->server(), path};
 }
 
 std::shared_ptr<IProvider> DavProviderFactory::doBuildProvider(const StorageIRI& location) const {

@@ -24,11 +24,18 @@ void ReadStream::fail(ErrorCode code, const std::string& why) const {
     throw ByteStreamFailure(code, "cannot read '" + url_ + "': " + why);
 }
 
-bool ReadStream::fill() {
+bool ReadStream::fill(std::size_t count) {
     const bool sequential = !buffer_.empty() && position_ == bufferStart_ + buffer_.size();
     chunk_ = sequential ? std::min(chunk_ * 2, kLargestChunk) : kFirstChunk;
-    const std::uint64_t start = position_;
-    const std::size_t want = chunk_;
+    std::uint64_t start = position_;
+    std::size_t want = std::max(chunk_, std::min(count, kLargestChunk));
+    // Archives are read from their end first, around their directory: a range that would leave
+    // less than two chunks before the end takes the rest of the file along, and after a seek
+    // also the two chunks before the end, so that the reads there take one request.
+    if (start < size_ && size_ - start <= 2 * static_cast<std::uint64_t>(want)) {
+        if (!sequential) start = std::min<std::uint64_t>(start, size_ > 2 * chunk_ ? size_ - 2 * chunk_ : 0);
+        want = static_cast<std::size_t>(size_ - start);
+    }
     std::string data;
     std::uint64_t skipped = 0;
     Request request;
@@ -80,7 +87,8 @@ long ReadStream::doRead(char* buffer, long count) {
     if (count <= 0) return 0;
     if (position_ >= size_) return -1;
     if (position_ < bufferStart_ || position_ >= bufferStart_ + buffer_.size()) {
-        if (!fill()) return -1;
+        // A file that shrank may end before the position, inside the range just fetched.
+        if (!fill(static_cast<std::size_t>(count)) || position_ >= bufferStart_ + buffer_.size()) return -1;
     }
     const std::size_t offset = static_cast<std::size_t>(position_ - bufferStart_);
     const std::size_t n = std::min(static_cast<std::size_t>(count), buffer_.size() - offset);
@@ -112,7 +120,9 @@ WriteStream::WriteStream(int file, bool append, std::string name, Upload upload)
 
 WriteStream::~WriteStream() {
     try {
-        close();
+        // The caller was told of a failed upload: sending its MOVE again unasked would be a
+        // blind retry.
+        if (!uploadFailed_) close();
     } catch (...) {
         // Destruction cannot report; the target keeps its old content.
     }
@@ -164,7 +174,12 @@ void WriteStream::doClose() {
     if (!upload_) return;
     const off_t size = ::lseek(file_, 0, SEEK_END);
     // Closing again after a failed upload tries again; after a success it does nothing.
-    upload_(file_, size);
+    try {
+        upload_(file_, size);
+    } catch (...) {
+        uploadFailed_ = true;
+        throw;
+    }
     upload_ = nullptr;
     ::close(file_);
     file_ = -1;

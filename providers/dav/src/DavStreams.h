@@ -23,8 +23,9 @@ protected:
     void doClose() override;
 
 private:
-    // Fetches the range at position_; false at the end of the file.
-    bool fill();
+    // Fetches a new range holding position_ and at least `count` bytes after it (up to the
+    // largest chunk); false at the end of the file.
+    bool fill(std::size_t count);
     [[noreturn]] void fail(ErrorCode code, const std::string& why) const;
 
     const Session& session_;
@@ -39,7 +40,8 @@ private:
 };
 
 // Writes to a local temporary file; closing hands the file to `upload`, once. A stream
-// destroyed unclosed uploads too, swallowing a failure.
+// destroyed unclosed uploads too, swallowing a failure; one whose upload has failed does not
+// upload again when destroyed (only a further close() tries again).
 class WriteStream final : public ByteStream {
 public:
     using Upload = std::function<void(int file, std::int64_t size)>;
@@ -60,6 +62,7 @@ private:
     bool append_;
     std::string name_;
     Upload upload_;
+    bool uploadFailed_ = false;
 };
 
 }  // namespace foundation::storage::provider::dav::detail

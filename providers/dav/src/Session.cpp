@@ -336,6 +336,10 @@ Response Session::attempt(Handle& handle, Request& request, const Settings& s) c
     }
     const CURLcode code = curl_easy_perform(curl);
     curl_slist_free_all(headers);
+    curl_off_t received = 0;
+    curl_easy_getinfo(curl, CURLINFO_SIZE_DOWNLOAD_T, &received);
+    requestsSent += 1;
+    bytesReceived += static_cast<std::uint64_t>(received);
     long status = 0;
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
     response.status = status;

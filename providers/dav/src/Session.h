@@ -91,6 +91,15 @@ public:
     std::string pathOf(const StorageIRI& location) const;
 
     const std::string& origin() const { return origin_; }
+    // "scheme://host:port" with the port always given: the same for every spelling of the
+    // server's address that reaches the same service.
+    std::string server() const {
+        return scheme_ + "://" + host_ + ":" + (port_.empty() ? (scheme_ == "https" ? "443" : "80") : port_);
+    }
+
+    // Requests sent (every attempt) and response body bytes received, since construction.
+    mutable std::atomic<std::uint64_t> requestsSent{0};
+    mutable std::atomic<std::uint64_t> bytesReceived{0};
 
     // Whether the server honours "If-None-Match: *" on PUT: -1 not known yet, 0 no, 1 yes.
     mutable std::atomic<int> conditionalPut{-1};

@@ -19,6 +19,7 @@ conformance::ProviderCase serverCase(const char* name, test::TestServer::Kind ki
     served.capabilities.wholeSecondTimes = true;
     // rclone's MOVE onto an existing file deletes it before renaming the source.
     served.capabilities.gappedReplace = kind == test::TestServer::Kind::Rclone;
+    served.makeSameStoreProvider = [](const auto& subject) { return std::make_shared<DavProvider>(subject.root); };
     served.makeEmptyProvider = [kind] {
         static std::atomic<int> count{0};
         test::TestServer& server = test::TestServer::shared(kind);

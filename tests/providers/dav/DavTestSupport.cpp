@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <pwd.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -13,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -24,50 +24,49 @@ namespace {
 
 namespace fs = std::filesystem;
 
-int freePort() {
-    const int s = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ::bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    ::getsockname(s, reinterpret_cast<sockaddr*>(&address), &length);
-    ::close(s);
-    return ntohs(address.sin_port);
-}
-
-bool accepts(int port) {
-    const int s = ::socket(AF_INET, SOCK_STREAM, 0);
+sockaddr_in loopback(int port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     address.sin_port = htons(static_cast<std::uint16_t>(port));
+    return address;
+}
+
+int freePort() {
+    int port = 0;
+    ::close(loopbackSocket(port));
+    return port;
+}
+
+bool accepts(int port) {
+    const int s = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = loopback(port);
     const bool connected = ::connect(s, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
     ::close(s);
     return connected;
 }
 
-// Run as root, httpd serves as www-data: what it must write belongs to that user.
-void handOver(const fs::path& path) {
-    if (::geteuid() != 0) return;
-    const passwd* user = ::getpwnam("www-data");
-    if (!user) return;
-    ::chown(path.c_str(), user->pw_uid, user->pw_gid);
-    for (const auto& entry : fs::recursive_directory_iterator(path)) {
-        ::chown(entry.path().c_str(), user->pw_uid, user->pw_gid);
-    }
-}
-
 }  // namespace
+
+int loopbackSocket(int& port) {
+    const int s = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = loopback(0);
+    socklen_t length = sizeof address;
+    ::bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    ::getsockname(s, reinterpret_cast<sockaddr*>(&address), &length);
+    port = ntohs(address.sin_port);
+    return s;
+}
 
 TestServer::TestServer(Kind kind) : kind_(kind) {
     char pattern[] = "/tmp/qkfl-dav-server-XXXXXX";
     folder_ = ::mkdtemp(pattern);
     fs::permissions(folder_, fs::perms(0755));
-    fs::create_directories(folder_ + "/root/open");
-    fs::create_directories(folder_ + "/root/auth");
-    fs::create_directories(folder_ + "/root/small");
-    fs::create_directories(folder_ + "/lock");
+    // Run as root, httpd serves as www-data: the folders it writes to are open to everyone.
+    for (const char* folder : {"/root", "/root/open", "/root/auth", "/root/small", "/lock"}) {
+        fs::create_directories(folder_ + folder);
+        fs::permissions(folder_ + folder, fs::perms::all);
+    }
     if (kind_ == Kind::ApacheTls) {
         const std::string make = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 "
                                  "-subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1 -keyout " +
@@ -75,8 +74,6 @@ TestServer::TestServer(Kind kind) : kind_(kind) {
         if (std::system(make.c_str()) != 0) throw std::runtime_error("openssl cannot make a certificate");
     }
     std::ofstream(folder_ + "/passwords") << "tester:$apr1$qkfltest$W9tJoqiNE2/xUTiyfLmIX.\n";
-    handOver(folder_ + "/root");
-    handOver(folder_ + "/lock");
     start();
 }
 
@@ -168,20 +165,10 @@ TestServer::~TestServer() {
 
 TestServer& TestServer::shared(Kind kind) {
     // Each started only when asked for.
-    switch (kind) {
-        case Kind::Nginx: {
-            static TestServer nginx(Kind::Nginx);
-            return nginx;
-        }
-        case Kind::Rclone: {
-            static TestServer rclone(Kind::Rclone);
-            return rclone;
-        }
-        default: {
-            static TestServer apache(Kind::Apache);
-            return apache;
-        }
-    }
+    static std::unique_ptr<TestServer> servers[4];
+    std::unique_ptr<TestServer>& server = servers[static_cast<int>(kind)];
+    if (!server) server = std::make_unique<TestServer>(kind);
+    return *server;
 }
 
 StorageIRI TestServer::at(const std::string& path) const {
@@ -191,10 +178,18 @@ StorageIRI TestServer::at(const std::string& path) const {
 
 std::string TestServer::onDisk(const std::string& path) const { return folder_ + "/root" + path; }
 
-std::shared_ptr<DavProvider> providerFor(const TestServer& server, const boost::property_tree::ptree& configuration) {
+std::shared_ptr<DavProvider> providerFor(const TestServer& server, const std::string& settings) {
     auto provider = std::make_shared<DavProvider>(server.at("/"));
-    if (!configuration.empty()) provider->configure(configuration);
+    provider->configure(configuration(settings));
     return provider;
+}
+
+boost::property_tree::ptree configuration(const std::string& settings) {
+    boost::property_tree::ptree configuration;
+    std::istringstream words(settings);
+    for (std::string word; words >> word;)
+        configuration.put(word.substr(0, word.find('=')), word.substr(word.find('=') + 1));
+    return configuration;
 }
 
 }  // namespace foundation::storage::provider::dav::test

@@ -33,8 +33,9 @@ public:
 
     // 'dav://127.0.0.1:<port>' + path ('davs' with TLS).
     StorageIRI at(const std::string& path) const;
-    // The file on disk behind a server path.
+    // The file on disk behind a server path, and the access log ("request status bytes").
     std::string onDisk(const std::string& path) const;
+    std::string accessLog() const { return folder_ + "/access.log"; }
     int port() const { return port_; }
     std::string caFile() const { return folder_ + "/cert.pem"; }
 
@@ -52,8 +53,12 @@ private:
     pid_t pid_ = -1;
 };
 
-// A new provider for `server`, configured with `configuration` (may be empty).
-std::shared_ptr<DavProvider> providerFor(const TestServer& server,
-                                         const boost::property_tree::ptree& configuration = {});
+// A TCP socket bound to a free 127.0.0.1 port, which goes to `port`.
+int loopbackSocket(int& port);
+
+// A new provider for `server`, configured with `settings`.
+std::shared_ptr<DavProvider> providerFor(const TestServer& server, const std::string& settings = "");
+// "key=value key=value" as a provider's configuration.
+boost::property_tree::ptree configuration(const std::string& settings);
 
 }  // namespace foundation::storage::provider::dav::test

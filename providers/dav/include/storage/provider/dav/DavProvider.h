@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 
 #include <boost/property_tree/ptree.hpp>
 
@@ -23,7 +25,11 @@ class Session;
 //   getlastmodified, resourcetype and getetag. Returned hrefs are percent-decoded and
 //   compared as paths, whatever the server's escaping and trailing slashes. Recursive
 //   listings walk with Depth 1 requests. Every item is reported writable; times are whole
-//   seconds.
+//   seconds. Listings carry attributes whether or not they are asked for, and leave a
+//   wildcard to the caller.
+// - file identity (extensions::IFileIdentity): a file is its server (scheme, host and port,
+//   the default port spelled out) and its decoded path with '.' and '..' resolved, whatever
+//   the user, so a copy onto another spelling of its own source is refused.
 // - reading: GET with Range, through a read-ahead buffer that grows while reads are
 //   sequential; a seek starts a new range. A server that ignores Range (200) is handled, and
 //   a 416 at or past the end is the end of the file. A file whose entity tag changes while it
@@ -33,7 +39,9 @@ class Session;
 //   the target, MOVE over the target with "Overwrite: T", then a check of the size. The
 //   server never shows a half-written file; after a failed upload the target keeps its old
 //   content and the scratch file is removed, unless the server went away between the PUT and
-//   the MOVE: then the hidden scratch file (isScratchName) stays until someone removes it. A stream destroyed unclosed uploads too, and swallows a failure.
+//   the MOVE: then the hidden scratch file (isScratchName) stays until someone removes it.
+//   A stream destroyed unclosed uploads too, and swallows a failure; after a close whose
+//   upload failed, only another close() tries again (destruction does not).
 // - folders by MKCOL after a look at the name (some servers answer success for a folder
 //   that exists), removal by DELETE (a folder only after a listing found it empty, so
 //   another client's file added in between is removed with it), moves and copies by MOVE
@@ -75,12 +83,20 @@ class Session;
 // Thread safety: every operation may be called from any thread; each transfer uses a
 // connection of the provider's pool that no other thread uses meanwhile. Streams and
 // listings belong to one thread at a time.
-class DavProvider : public IConfigurableProvider {
+class DavProvider : public IConfigurableProvider, public extensions::IFileIdentity {
 public:
     // A provider for the server of `location` (scheme 'dav' or 'davs'). Throws Exception
     // InvalidLocation for another scheme or a location without a host.
     explicit DavProvider(const StorageIRI& location);
     ~DavProvider() override;
+
+    // What this provider has exchanged with its server since it was made: requests sent
+    // (each retry counts) and bytes of response bodies received. Any thread; never throws.
+    struct Traffic {
+        std::uint64_t requests = 0;
+        std::uint64_t bytesReceived = 0;
+    };
+    Traffic traffic() const;
 
 protected:
     void doConfigure(boost::property_tree::ptree configuration) override;
@@ -101,13 +117,11 @@ protected:
     std::unique_ptr<ByteStream> doOpenStream(const StorageIRI& location,
                                              const ByteStreamOpenOptions& options) const override;
     std::unique_ptr<ByteStream> doOpenReadOnlyStream(const StorageIRI& location) const override;
-    std::unique_ptr<IFolderEntryIterator> doListAll(const StorageIRI& folder) const override;
-    std::unique_ptr<IFolderEntryIterator> doListFiles(const StorageIRI& folder) const override;
-    std::unique_ptr<IFolderEntryIterator> doListFolders(const StorageIRI& folder) const override;
-    std::unique_ptr<IFolderEntryIterator> doListAllRecursive(const StorageIRI& folder) const override;
+    std::unique_ptr<IFolderEntryIterator> doList(const StorageIRI& folder, ListingRequest request) const override;
     void doCopyFile(const StorageIRI& from, const StorageIRI& to, const ReplacementPolicy& policy) const override;
     bool doHasFeature(const ExtendedFeature& feature) const override;
     ProviderStorageInfo doGetProviderStorageInfo(const StorageIRI& location) const override;
+    std::optional<extensions::FileIdentity> doGetFileIdentity(const StorageIRI& location) const override;
 
 private:
     std::unique_ptr<detail::Session> session_;
