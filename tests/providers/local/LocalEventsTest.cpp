@@ -214,24 +214,6 @@ TEST_F(LocalEventsTest, ProviderMayGoFromItsNativeCallback) {
     }
 }
 
-TEST_F(LocalEventsTest, RefusesToWatchWhatIsNotAFolder) {
-    writeFile(path("file"), "f");
-    const ChangeEventCallback none = [](auto&&...) {};
-    const auto flat = RecursiveFileWatching::NonRecursive;
-    const std::pair<ErrorCode, std::function<void()>> rows[] = {
-        {ErrorCode::ResourceNotFound, [&] { provider_->publishFolderEventsFor(at("missing"), none, kAll, flat); }},
-        {ErrorCode::InvalidLocation,
-         [&] { provider_->publishFolderEventsFor(at("file"), none, kAll, RecursiveFileWatching::Recursive); }},
-        {ErrorCode::ResourceNotFound, [&] { provider_->publishFileEventsFor(at("missing/file"), none, kAll); }},
-        {ErrorCode::ResourceNotFound,
-         [&] {
-             provider_->startChangePollingMechanism(at("missing"), none, kAll, std::chrono::milliseconds(5),
-                                                    RecursiveChangePolling::NonRecursive);
-         }},
-    };
-    for (const auto& [code, action] : rows) EXPECT_EQ(testsupport::errorOf(action), code);
-}
-
 // A folder whose listing fails (EACCES on the watched folder or on a subfolder of a recursive
 // poll, EMFILE for want of a descriptor) is skipped and polled again: what lies beneath is
 // never reported removed, and a change made meanwhile is reported once it reads again.
