@@ -203,10 +203,6 @@ public:
         std::lock_guard lock(mutex_);
         return lines_;
     }
-    void clear() {
-        std::lock_guard lock(mutex_);
-        lines_.clear();
-    }
 
 private:
     std::string root_;
