@@ -60,9 +60,6 @@ protected:
     std::string path(const std::string& relative) const { return folder_ / relative; }
     StorageIRI at(const std::string& relative) const { return test::fileIRI(path(relative)); }
     void makeFolder(const std::string& relative) const { ASSERT_EQ(::mkdir(path(relative).c_str(), 0755), 0); }
-    Names listed(std::unique_ptr<IFolderEntryIterator> listing) const {
-        return testsupport::entrySet(std::move(listing));
-    }
     // Checks that `action` fails with `code` at `relative`.
     void bad(ErrorCode code, const std::string& relative, const std::function<void()>& action) const {
         testsupport::expectError(code, test::pathIRI(path(relative)), action);
@@ -146,7 +143,8 @@ TEST_F(LocalProviderTest, ReportsFailuresWithTheLocationConcerned) {
          }},
         {ErrorCode::PermissionDenied, "readonly/new", [&](auto& l) { local.createFile(l); }, true},
         {ErrorCode::PermissionDenied, "readonly/new", [&](auto& l) { local.createFolder(l); }, true},
-        {ErrorCode::PermissionDenied, "readonly/new", [&](auto& l) { local.openTransactionalStream(l, kReplace); }, true},
+        {ErrorCode::PermissionDenied, "readonly/new", [&](auto& l) { local.openTransactionalStream(l, kReplace); },
+         true},
         {ErrorCode::PermissionDenied, "secret.txt", [&](auto& l) { local.copyFile(l, at("copy"), over); }, true},
         {ErrorCode::PermissionDenied, "locked", [&](auto& l) { local.listAll(l); }, true},
         {ErrorCode::PermissionDenied, "locked/inside.txt", [&](auto& l) { local.fileExists(l); }, true},
@@ -214,9 +212,9 @@ TEST_F(LocalProviderTest, TellsLinksAndSpecialFilesApart) {
     EXPECT_TRUE(provider_->getFolderAttributes(at("to-folder")).isSymlink());
     EXPECT_FALSE(provider_->getFileAttributes(at("file")).isSymlink());
     const Names all{"dangling", "file", "folder/", "folder/in.txt", "pipe", "to-file", "to-folder/"};
-    EXPECT_EQ(listed(provider_->listAllRecursive(at(""))), all);
-    EXPECT_EQ(listed(provider_->listAllRecursiveNamesOnly(at(""))), all);
-    EXPECT_EQ(listed(provider_->listFolders(at(""), u"to-*")), Names{"to-folder/"});
+    EXPECT_EQ(testsupport::entrySet(provider_->listAllRecursive(at(""))), all);
+    EXPECT_EQ(testsupport::entrySet(provider_->listAllRecursiveNamesOnly(at(""))), all);
+    EXPECT_EQ(testsupport::entrySet(provider_->listFolders(at(""), u"to-*")), Names{"to-folder/"});
 
     // Removing a link removes the link, never what it points to.
     provider_->removeFile(at("to-folder"));
@@ -303,7 +301,7 @@ TEST_F(LocalProviderTest, WalksTreesWithFewDescriptorsNeverSkippingAFolder) {
         for (int i = 0; i < 19; ++i) writeFile(path(chain + "/f" + std::to_string(i)), "x");
     }
     ASSERT_EQ(::symlink(path("tree").c_str(), path("tree/d0/escape").c_str()), 0);
-    const auto count = [&] { return listed(provider_->listAllRecursive(at("tree"))).size(); };
+    const auto count = [&] { return testsupport::entrySet(provider_->listAllRecursive(at("tree"))).size(); };
     ASSERT_EQ(count(), 601U);
     const int free = test::lowestFreeDescriptor();
     test::withDescriptorLimit(free + 3, [&] { EXPECT_EQ(count(), 601U); });

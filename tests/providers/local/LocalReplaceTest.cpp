@@ -221,19 +221,16 @@ TEST_F(LocalReplaceTest, KeepsWhatTheUserSetAndMade) {
 // even where the folder would allow the rename; one's own file is replaced.
 TEST_F(LocalReplaceTest, RefusesWhatAnOrdinaryUserCouldNotWriteInPlace) {
     ::chmod(folder_.path().c_str(), 0711);
-    struct Row {
-        const char* name;
-        uid_t owner;
-        mode_t mode;
-        const char* outcome;
+    const std::tuple<const char*, uid_t, mode_t, const char*> rows[] = {
+        {"own file", 65534, 0644, "done"},
+        {"own write-protected file", 65534, 0444, "ErrorCode::PermissionDenied"},
+        {"root's group-writable file", 0, 0664, "ErrorCode::PermissionDenied"},
     };
-    for (const Row& row : {Row{"own file", 65534, 0644, "done"}, Row{"own write-protected file", 65534, 0444,
-                                                                       "ErrorCode::PermissionDenied"},
-                           Row{"root's group-writable file", 0, 0664, "ErrorCode::PermissionDenied"}}) {
-        SCOPED_TRACE(row.name);
-        const std::string folder = caseFolder(row.name);
-        ::chown((folder + "/doc").c_str(), row.owner, 65534);
-        ::chmod((folder + "/doc").c_str(), row.mode);
+    for (const auto& [name, owner, mode, expected] : rows) {
+        SCOPED_TRACE(name);
+        const std::string folder = caseFolder(name);
+        ::chown((folder + "/doc").c_str(), owner, 65534);
+        ::chmod((folder + "/doc").c_str(), mode);
         const auto outcome = testsupport::asNobody([&] {
             std::ostringstream text;
             try {
@@ -245,9 +242,9 @@ TEST_F(LocalReplaceTest, RefusesWhatAnOrdinaryUserCouldNotWriteInPlace) {
             return text.str();
         });
         if (!outcome) GTEST_SKIP() << "needs root to become nobody";
-        EXPECT_EQ(*outcome, row.outcome);
+        EXPECT_EQ(*outcome, expected);
         EXPECT_EQ(readFile(folder + "/doc"), outcome == std::string("done") ? "new" : "old");
-        EXPECT_EQ(std::get<1>(metadataOf(folder + "/doc")), row.owner);
+        EXPECT_EQ(std::get<1>(metadataOf(folder + "/doc")), owner);
         expectNoScratch(folder);
     }
 }

@@ -189,7 +189,8 @@ TEST(ZipSafety, EntriesThatBreakTheirDeclarations) {
         {"/a.txt", ziptest::withField(plain, 0, 24, 22, 4, 21000), ErrorCode::IOError, ""},  // shorter
         {"/b.txt", ziptest::withField(plain, 1, 24, 22, 4, 19000), ErrorCode::IOError, ""},
         {"/b.txt", flipped, ErrorCode::IOError, ""},
-        {"/a.txt", ziptest::withField(plain, 0, 8, 6, 2, 1), ErrorCode::UnsupportedOperation, "the entry is encrypted"},
+        {"/a.txt", ziptest::withField(plain, 0, 8, 6, 2, 1), ErrorCode::UnsupportedOperation,
+         "the entry is encrypted"},
         {"/a.txt", ziptest::withField(plain, 0, 10, 8, 2, 97), ErrorCode::UnsupportedOperation, ""},  // method 97
     };
     for (const auto& [name, bytes, code, reason] : rows) {
