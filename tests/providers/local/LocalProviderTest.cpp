@@ -60,9 +60,6 @@ protected:
     std::string path(const std::string& relative) const { return folder_ / relative; }
     StorageIRI at(const std::string& relative) const { return test::fileIRI(path(relative)); }
     void makeFolder(const std::string& relative) const { ASSERT_EQ(::mkdir(path(relative).c_str(), 0755), 0); }
-    Names listed(std::unique_ptr<IFolderEntryIterator> listing) const {
-        return testsupport::entrySet(std::move(listing));
-    }
     // Checks that `action` fails with `code` at `relative`.
     void bad(ErrorCode code, const std::string& relative, const std::function<void()>& action) const {
         testsupport::expectError(code, test::pathIRI(path(relative)), action);
@@ -84,61 +81,94 @@ protected:
 TEST_F(LocalProviderTest, EveryFormOfALocationAddressesTheFile) {
     const std::string file = path("naïve ☃ 日本.txt");
     writeFile(file, "snow");
-    for (const StorageIRI& location :
-         {test::pathIRI(file), StorageIRI(test::fileIRI(file).toString()), StorageIRI(test::fileIRI(file).toAsciiString()),
-          StorageIRI(u"file://localhost" + fl::i18n::to_ustring(file))}) {
+    for (const StorageIRI& location : {StorageIRI(test::fileIRI(file).toAsciiString()),
+                                       StorageIRI(u"file://localhost" + fl::i18n::to_ustring(file))}) {
         EXPECT_EQ(testsupport::readAll(*provider_, location), "snow") << location;
     }
-    const ustring inside = fl::i18n::to_ustring(path("x"));
-    for (const StorageIRI& foreign : {StorageIRI(u"mem://" + inside), StorageIRI(u"file://elsewhere" + inside),
-                                      StorageIRI(u"zip:file://" + inside + u"!/y"), toStorageIRI(u"file", u"")}) {
-        EXPECT_EQ(errorOf([&] { provider_->fileExists(foreign); }), ErrorCode::InvalidLocation) << foreign;
-        EXPECT_EQ(errorOf([&] { provider_->createFile(foreign); }), ErrorCode::InvalidLocation) << foreign;
-    }
-    EXPECT_FALSE(test::exists(path("x")));
 }
 
-TEST(LocalErrorCodes, MapErrnoAsUsersExpect) {
-    const std::pair<int, ErrorCode> rows[] = {
-        {ENOENT, ErrorCode::ResourceNotFound},      {ENOTDIR, ErrorCode::ResourceNotFound},
-        {EACCES, ErrorCode::PermissionDenied},      {EPERM, ErrorCode::PermissionDenied},
-        {EEXIST, ErrorCode::ResourceAlreadyExists}, {ENOTEMPTY, ErrorCode::FolderNotEmpty},
-        {ENOSPC, ErrorCode::NoSpaceLeft},           {EDQUOT, ErrorCode::NoSpaceLeft},
-        {EFBIG, ErrorCode::FileTooLarge},           {EBUSY, ErrorCode::ResourceInUse},
-        {ETXTBSY, ErrorCode::ResourceInUse},        {EROFS, ErrorCode::ReadOnlyProvider},
-        {EIO, ErrorCode::IOError},                  {ENAMETOOLONG, ErrorCode::InvalidLocation},
-        {EINVAL, ErrorCode::InvalidLocation},       {EISDIR, ErrorCode::InvalidLocation},
-        {ELOOP, ErrorCode::InvalidLocation},        {EMFILE, ErrorCode::IOError},
-    };
-    for (const auto& [error, code] : rows) EXPECT_EQ(toErrorCode(error), code) << std::strerror(error);
-}
-
+// What only a real file system refuses, each failure naming the location concerned.
 TEST_F(LocalProviderTest, ReportsFailuresWithTheLocationConcerned) {
+    const bool permissionsBind = test::permissionsBind();
     writeFile(path("a.txt"), "a");
-    makeFolder("dir");
-    makeFolder("dir/sub");
+    writeFile(path("secret.txt"), "s");
+    for (const char* folder : {"dir", "dir/sub", "readonly", "locked"}) makeFolder(folder);
+    writeFile(path("locked/inside.txt"), "in");
     ASSERT_EQ(::symlink(path("dir/sub").c_str(), path("into-sub").c_str()), 0);
-    const auto over = ReplacementPolicy::Overwrite;
-    const std::string longName(NAME_MAX + 1, 'n');
-    bad(ErrorCode::InvalidLocation, longName, [&] { provider_->createFile(at(longName)); });
-    bad(ErrorCode::InvalidLocation, "dir", [&] { provider_->moveFile(at("a.txt"), at("dir"), over); });
-    bad(ErrorCode::InvalidLocation, "dir", [&] { provider_->moveFile(at("dir"), at("b"), over); });
-    bad(ErrorCode::InvalidLocation, "a.txt", [&] { provider_->moveFolder(at("a.txt"), at("b"), over); });
-    // Into its own subtree through a link, which the textual check cannot see: EINVAL.
-    bad(ErrorCode::InvalidLocation, "into-sub/x", [&] { provider_->moveFolder(at("dir"), at("into-sub/x"), over); });
-    bad(ErrorCode::InvalidLocation, "into-sub", [&] { provider_->removeFolder(at("into-sub")); });
-    bad(ErrorCode::ResourceNotFound, "a.txt/x", [&] { provider_->getFileAttributes(at("a.txt/x")); });
-    bad(ErrorCode::InvalidLocation, "a.txt/x", [&] { provider_->createFolder(at("a.txt/x")); });
-    // A running program's file cannot be opened for writing.
-    char self[PATH_MAX] = {};
-    ASSERT_GT(::readlink("/proc/self/exe", self, sizeof self - 1), 0);
-    testsupport::expectError(ErrorCode::ResourceInUse, test::pathIRI(self), [&] {
-        provider_->openStream(test::pathIRI(self), {ByteStreamAccess::WriteOnly, ByteStreamCreate::NeverCreate,
-                                                    ByteStreamTruncate::PreserveExisting, ByteStreamAppend::Overwrite});
-    });
-    // Pipes are no files to copy.
     ASSERT_EQ(::mkfifo(path("pipe").c_str(), 0600), 0);
-    EXPECT_EQ(errorOf([&] { provider_->copyFile(at("pipe"), at("x"), over); }), ErrorCode::UnsupportedOperation);
+    ::chmod(path("secret.txt").c_str(), 0);
+    ::chmod(path("readonly").c_str(), 0555);
+    ::chmod(path("locked").c_str(), 0);
+    const ustring inside = fl::i18n::to_ustring(path("x"));
+    for (const StorageIRI& foreign : {StorageIRI(u"mem://" + inside), StorageIRI(u"file://elsewhere" + inside)}) {
+        testsupport::expectError(ErrorCode::InvalidLocation, foreign, [&] { provider_->createFile(foreign); });
+    }
+    const LocalProvider& local = *provider_;
+    const auto over = ReplacementPolicy::Overwrite;
+    const ChangeEventCallback none = [](auto&&...) {};
+    const std::vector<events::Kind> added{events::Kind::EntryAdded};
+    const auto flat = RecursiveFileWatching::NonRecursive;
+    const std::string self = std::filesystem::read_symlink("/proc/self/exe");
+    const struct {
+        ErrorCode code;
+        std::string where;
+        std::function<void(const StorageIRI&)> action;
+        bool needsPermissions = false;
+    } rows[] = {
+        {ErrorCode::InvalidLocation, std::string(NAME_MAX + 1, 'n'), [&](auto& l) { local.createFile(l); }},
+        {ErrorCode::InvalidLocation, "dir", [&](auto& l) { local.moveFile(at("a.txt"), l, over); }},
+        {ErrorCode::InvalidLocation, "dir", [&](auto& l) { local.moveFile(l, at("b"), over); }},
+        {ErrorCode::InvalidLocation, "a.txt", [&](auto& l) { local.moveFolder(l, at("b"), over); }},
+        // Into its own subtree through a link, which the textual check cannot see: EINVAL.
+        {ErrorCode::InvalidLocation, "into-sub/x", [&](auto& l) { local.moveFolder(at("dir"), l, over); }},
+        {ErrorCode::InvalidLocation, "into-sub", [&](auto& l) { local.removeFolder(l); }},
+        {ErrorCode::ResourceNotFound, "a.txt/x", [&](auto& l) { local.getFileAttributes(l); }},
+        {ErrorCode::InvalidLocation, "a.txt/x", [&](auto& l) { local.createFolder(l); }},
+        // A running program's file cannot be opened for writing; pipes are no files to copy.
+        {ErrorCode::ResourceInUse, self,
+         [&](auto&) {
+             local.openStream(test::pathIRI(self), {ByteStreamAccess::WriteOnly, ByteStreamCreate::NeverCreate,
+                                                    ByteStreamTruncate::PreserveExisting, ByteStreamAppend::Overwrite});
+         }},
+        {ErrorCode::UnsupportedOperation, "pipe", [&](auto& l) { local.copyFile(l, at("x"), over); }},
+        {ErrorCode::ResourceNotFound, "missing", [&](auto& l) { local.publishFolderEventsFor(l, none, added, flat); }},
+        {ErrorCode::InvalidLocation, "a.txt",
+         [&](auto& l) { local.publishFolderEventsFor(l, none, added, RecursiveFileWatching::Recursive); }},
+        {ErrorCode::ResourceNotFound, "missing",
+         [&](auto&) { local.publishFileEventsFor(at("missing/file"), none, added); }},
+        {ErrorCode::ResourceNotFound, "missing",
+         [&](auto& l) {
+             local.startChangePollingMechanism(l, none, added, std::chrono::milliseconds(5),
+                                               RecursiveChangePolling::NonRecursive);
+         }},
+        {ErrorCode::PermissionDenied, "readonly/new", [&](auto& l) { local.createFile(l); }, true},
+        {ErrorCode::PermissionDenied, "readonly/new", [&](auto& l) { local.createFolder(l); }, true},
+        {ErrorCode::PermissionDenied, "readonly/new", [&](auto& l) { local.openTransactionalStream(l, kReplace); },
+         true},
+        {ErrorCode::PermissionDenied, "secret.txt", [&](auto& l) { local.copyFile(l, at("copy"), over); }, true},
+        {ErrorCode::PermissionDenied, "locked", [&](auto& l) { local.listAll(l); }, true},
+        {ErrorCode::PermissionDenied, "locked/inside.txt", [&](auto& l) { local.fileExists(l); }, true},
+        {ErrorCode::PermissionDenied, "locked/inside.txt", [&](auto& l) { local.moveFile(l, at("out"), over); }, true},
+        {ErrorCode::PermissionDenied, "locked", [&](auto& l) { local.removeFolderRecursively(l); }, true},
+    };
+    for (const auto& row : rows) {
+        if (row.needsPermissions && !permissionsBind) continue;
+        const std::string where = row.where.front() == '/' ? row.where : path(row.where);
+        testsupport::expectError(row.code, test::pathIRI(where), [&] { row.action(test::fileIRI(where)); });
+    }
+    EXPECT_FALSE(std::filesystem::exists(path("x")));
+    if (!permissionsBind) return;
+    EXPECT_FALSE(provider_->getFolderAttributes(at("readonly")).isWritable());
+    EXPECT_FALSE(provider_->getFileAttributes(at("secret.txt")).isWritable());
+    ::chmod(path("locked").c_str(), 0755);
+    EXPECT_EQ(readFile(path("locked/inside.txt")), "in");
+    // Write-only opens O_WRONLY, so a file this process may write but not read still opens.
+    ASSERT_EQ(::chmod(path("secret.txt").c_str(), 0200), 0);
+    provider_->openStream(at("secret.txt"), {ByteStreamAccess::WriteOnly, ByteStreamCreate::NeverCreate,
+                                             ByteStreamTruncate::PreserveExisting, ByteStreamAppend::Append})
+        ->write("d", 1);
+    ::chmod(path("secret.txt").c_str(), 0600);
+    EXPECT_EQ(readFile(path("secret.txt")), "sd");
 }
 
 TEST_F(LocalProviderTest, ReportsFilesGrownPastTheProcessLimit) {
@@ -155,39 +185,6 @@ TEST_F(LocalProviderTest, ReportsFilesGrownPastTheProcessLimit) {
     bad(ErrorCode::FileTooLarge, "big", [&] { provider_->truncateToSize(at("big"), 1 << 20); });
     ::setrlimit(RLIMIT_FSIZE, &old);
     ::signal(SIGXFSZ, oldHandler);
-}
-
-TEST_F(LocalProviderTest, RefusesWhatPermissionsForbid) {
-    if (!test::permissionsBind()) GTEST_SKIP() << "this process bypasses file permissions";
-    makeFolder("locked");
-    writeFile(path("locked/inside.txt"), "in");
-    writeFile(path("secret.txt"), "s");
-    ASSERT_EQ(::chmod(path("secret.txt").c_str(), 0), 0);
-    ASSERT_EQ(::chmod(path("locked").c_str(), 0555), 0);
-    const auto over = ReplacementPolicy::Overwrite;
-    bad(ErrorCode::PermissionDenied, "locked/new", [&] { provider_->createFile(at("locked/new")); });
-    bad(ErrorCode::PermissionDenied, "locked/new", [&] { provider_->createFolder(at("locked/new")); });
-    bad(ErrorCode::PermissionDenied, "locked/new", [&] { provider_->openTransactionalStream(at("locked/new"), kReplace); });
-    bad(ErrorCode::PermissionDenied, "secret.txt", [&] { provider_->copyFile(at("secret.txt"), at("copy"), over); });
-    bad(ErrorCode::PermissionDenied, "locked/inside.txt",
-        [&] { provider_->moveFile(at("locked/inside.txt"), at("out"), over); });
-    EXPECT_FALSE(provider_->getFolderAttributes(at("locked")).isWritable());
-    EXPECT_FALSE(provider_->getFileAttributes(at("secret.txt")).isWritable());
-
-    ASSERT_EQ(::chmod(path("locked").c_str(), 0), 0);
-    bad(ErrorCode::PermissionDenied, "locked", [&] { provider_->listAll(at("locked")); });
-    bad(ErrorCode::PermissionDenied, "locked/inside.txt", [&] { provider_->fileExists(at("locked/inside.txt")); });
-    bad(ErrorCode::PermissionDenied, "locked", [&] { provider_->removeFolderRecursively(at("locked")); });
-    ::chmod(path("locked").c_str(), 0755);
-    EXPECT_EQ(readFile(path("locked/inside.txt")), "in");
-
-    // Write-only opens O_WRONLY, so a file this process may write but not read still opens.
-    ASSERT_EQ(::chmod(path("secret.txt").c_str(), 0200), 0);
-    provider_->openStream(at("secret.txt"), {ByteStreamAccess::WriteOnly, ByteStreamCreate::NeverCreate,
-                                             ByteStreamTruncate::PreserveExisting, ByteStreamAppend::Append})
-        ->write("d", 1);
-    ::chmod(path("secret.txt").c_str(), 0600);
-    EXPECT_EQ(readFile(path("secret.txt")), "sd");
 }
 
 TEST_F(LocalProviderTest, TellsLinksAndSpecialFilesApart) {
@@ -215,9 +212,9 @@ TEST_F(LocalProviderTest, TellsLinksAndSpecialFilesApart) {
     EXPECT_TRUE(provider_->getFolderAttributes(at("to-folder")).isSymlink());
     EXPECT_FALSE(provider_->getFileAttributes(at("file")).isSymlink());
     const Names all{"dangling", "file", "folder/", "folder/in.txt", "pipe", "to-file", "to-folder/"};
-    EXPECT_EQ(listed(provider_->listAllRecursive(at(""))), all);
-    EXPECT_EQ(listed(provider_->listAllRecursiveNamesOnly(at(""))), all);
-    EXPECT_EQ(listed(provider_->listFolders(at(""), u"to-*")), Names{"to-folder/"});
+    EXPECT_EQ(testsupport::entrySet(provider_->listAllRecursive(at(""))), all);
+    EXPECT_EQ(testsupport::entrySet(provider_->listAllRecursiveNamesOnly(at(""))), all);
+    EXPECT_EQ(testsupport::entrySet(provider_->listFolders(at(""), u"to-*")), Names{"to-folder/"});
 
     // Removing a link removes the link, never what it points to.
     provider_->removeFile(at("to-folder"));
@@ -238,7 +235,6 @@ TEST_F(LocalProviderTest, ReadsAndSetsWhatTheFileSystemRecords) {
     const auto when = boost::posix_time::time_from_string("2021-03-04 05:06:07.891011");
     provider_->setLastModified(at(".git"), when);
     EXPECT_EQ(provider_->getFolderAttributes(at(".git")).getLastModified(), when);
-    EXPECT_THROW(provider_->setLastModified(at("plain"), boost::posix_time::ptime()), std::invalid_argument);
 
     // Write protection takes the write bits away and gives the owner's back.
     ASSERT_EQ(::chmod(path("plain").c_str(), 0664), 0);
@@ -305,7 +301,7 @@ TEST_F(LocalProviderTest, WalksTreesWithFewDescriptorsNeverSkippingAFolder) {
         for (int i = 0; i < 19; ++i) writeFile(path(chain + "/f" + std::to_string(i)), "x");
     }
     ASSERT_EQ(::symlink(path("tree").c_str(), path("tree/d0/escape").c_str()), 0);
-    const auto count = [&] { return listed(provider_->listAllRecursive(at("tree"))).size(); };
+    const auto count = [&] { return testsupport::entrySet(provider_->listAllRecursive(at("tree"))).size(); };
     ASSERT_EQ(count(), 601U);
     const int free = test::lowestFreeDescriptor();
     test::withDescriptorLimit(free + 3, [&] { EXPECT_EQ(count(), 601U); });
@@ -328,39 +324,6 @@ TEST_F(LocalProviderTest, WalksTreesWithFewDescriptorsNeverSkippingAFolder) {
     provider_->removeFolderRecursively(at("link-root"));
     EXPECT_EQ(test::namesIn(folder_.path()), std::vector<std::string>{"outside"});
     EXPECT_EQ(readFile(path("outside/precious")), "p");
-}
-
-TEST_F(LocalProviderTest, RemovesTreesWhileFoldersAreSwappedForLinks) {
-    makeFolder("outside");
-    for (int i = 0; i < 20; ++i) writeFile(path("outside/keep" + std::to_string(i)), "k");
-    for (int round = 0; round < 50; ++round) {
-        for (int i = 0; i < 10; ++i) {
-            const std::string sub = path("tree/s" + std::to_string(i));
-            std::filesystem::create_directories(sub);
-            for (int j = 0; j < 5; ++j) writeFile(sub + "/f" + std::to_string(j), "f");
-        }
-        // Another thread keeps replacing subfolders by links to a folder outside the tree.
-        std::atomic<bool> done{false};
-        std::thread swapper([&] {
-            for (int i = 0; !done; i = (i + 1) % 10) {
-                const std::string sub = path("tree/s" + std::to_string(i));
-                if (::rename(sub.c_str(), path("tree/aside" + std::to_string(i)).c_str()) == 0) {
-                    ::symlink(path("outside").c_str(), sub.c_str());
-                }
-            }
-        });
-        ErrorCode code = ErrorCode::Unknown;
-        try {
-            provider_->removeFolderRecursively(at("tree"));
-        } catch (const Exception& e) {
-            code = e.getErrorCode();
-        }
-        done = true;
-        swapper.join();
-        EXPECT_TRUE(code == ErrorCode::Unknown || code == ErrorCode::FolderNotEmpty) << round;
-        ASSERT_EQ(test::namesIn(path("outside")).size(), 20U) << "followed a link out of the tree in round " << round;
-        if (test::exists(path("tree"))) provider_->removeFolderRecursively(at("tree"));
-    }
 }
 
 // Another file system below: bound, small and full, or read-only. Removal never enters it,
@@ -388,9 +351,6 @@ TEST_F(LocalProviderTest, OtherFileSystemsBelow) {
     std::filesystem::create_directories(path("moving/sub"));
     writeFile(path("moving/sub/leaf"), "leaf");
     ASSERT_EQ(::symlink("sub/leaf", path("moving/link").c_str()), 0);
-    writeFile(path("small/taken"), "t");
-    EXPECT_EQ(errorOf([&] { provider_->moveFile(at("file"), at("small/taken"), ReplacementPolicy::Preserve); }),
-              ErrorCode::ResourceAlreadyExists);
     provider_->moveFile(at("file"), at("small/file"), ReplacementPolicy::NoClobber);
     provider_->moveFolder(at("moving"), at("small/tree"), ReplacementPolicy::Preserve);
     EXPECT_EQ(test::modeOf(path("small/file")), 0604U);
@@ -398,9 +358,7 @@ TEST_F(LocalProviderTest, OtherFileSystemsBelow) {
               boost::posix_time::from_time_t(1500000000) + boost::posix_time::microseconds(500000));
     EXPECT_EQ(provider_->existsExtended(at("small/tree/link")), ExistenceTypeExtended::SymlinkToFile);
     EXPECT_EQ(readFile(path("small/tree/link")), "leaf");
-    EXPECT_FALSE(test::exists(path("moving")));
-    provider_->moveFile(at("small/file"), at("back"), ReplacementPolicy::Overwrite);
-    EXPECT_EQ(readFile(path("back")), "content");
+    EXPECT_FALSE(std::filesystem::exists(path("moving")));
 
     // Full: no partial copy or scratch file, the old content kept.
     const std::string big(256 * 1024, 'b');
@@ -420,7 +378,7 @@ TEST_F(LocalProviderTest, OtherFileSystemsBelow) {
     auto transaction = provider_->openTransactionalStream(at("small/keep"), kReplace);
     EXPECT_THROW(transaction->write(big.data(), static_cast<long>(big.size())), ByteStreamFailure);
     transaction.reset();
-    EXPECT_EQ(test::namesIn(path("small")), (std::vector<std::string>{"keep", "taken", "tree"}));
+    EXPECT_EQ(test::namesIn(path("small")), (std::vector<std::string>{"file", "keep", "tree"}));
     EXPECT_EQ(readFile(path("small/keep")), "old");
 
     ASSERT_EQ(test::mountFailure(nullptr, path("small"), nullptr, MS_REMOUNT | MS_RDONLY), std::nullopt);
@@ -445,7 +403,6 @@ TEST(LocalProviderFactory, SharesOneProviderForTheWholeFileSystem) {
     const auto first = factory.buildProvider(test::pathIRI("/tmp"));
     EXPECT_EQ(factory.buildProvider(test::pathIRI("/usr")), first);
     EXPECT_NE(dynamic_cast<LocalProvider*>(first.get()), nullptr);
-    EXPECT_THROW(factory.buildProvider(StorageIRI(ustring(u"mem:///a"))), Exception);
     // The extensions are reachable through an item's provider.
     test::TempFolder folder;
     StorageItem item(first, test::fileIRI(folder / "f"));

@@ -113,11 +113,6 @@ inline std::string readFile(const std::string& path) {
     return content.str();
 }
 
-inline bool exists(const std::string& path) {
-    struct stat st {};
-    return ::lstat(path.c_str(), &st) == 0;
-}
-
 // Names in a folder, sorted; none when it is missing.
 inline std::vector<std::string> namesIn(const std::string& folder) {
     std::vector<std::string> names;
@@ -207,10 +202,6 @@ public:
     std::vector<std::string> lines() const {
         std::lock_guard lock(mutex_);
         return lines_;
-    }
-    void clear() {
-        std::lock_guard lock(mutex_);
-        lines_.clear();
     }
 
 private:

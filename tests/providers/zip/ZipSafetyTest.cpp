@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "ZipTestSupport.h"
+#include "fl/i18n/convert.h"
 #include "storage/provider/Exception.h"
 #include "storage/provider/memory/MemoryProvider.h"
 #include "support/InstrumentedProvider.h"
@@ -58,6 +59,16 @@ std::string withZip64Count(const std::string& archive, std::uint64_t entries) {
     ziptest::putLittle(endRecord, 12, 4, 0xFFFFFFFF);
     ziptest::putLittle(endRecord, 16, 4, 0xFFFFFFFF);
     return archive.substr(0, layout.endRecord) + end64 + locator + endRecord;
+}
+
+// The reason in the contexts of the Exception that `action` throws.
+std::string reasonOf(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const Exception& e) {
+        return fl::i18n::to_string(e.getExceptionContextsString());
+    }
+    return "no failure";
 }
 
 TEST(ZipSafety, EntryNamesStayInsideTheArchiveAndTheFirstClaimWins) {
@@ -114,7 +125,9 @@ TEST(ZipSafety, RefusesImplausibleArchives) {
         std::string bytes;
         ZipLimits limits;
         bool refused;
+        const char* reason = nullptr;
     } rows[] = {
+        {"text", ziptest::sampleText(3000), {}, true, "not a zip archive"},
         {"plain", plain, {}, false},
         {"a size beyond what deflate reaches", sized(plain, compressed * 2000), {}, true},
         {"a size deflate reaches", sized(plain, compressed * 1000), {}, false},
@@ -133,6 +146,9 @@ TEST(ZipSafety, RefusesImplausibleArchives) {
         const ZipProvider zip(archive.container, row.limits);
         if (row.refused) {
             expectError(ErrorCode::IOError, archive.at("/"), [&] { zip.listAll(archive.at("/")); });
+            if (row.reason) {
+                EXPECT_EQ(reasonOf([&] { zip.listAll(archive.at("/")); }), row.reason);
+            }
         } else {
             EXPECT_EQ(zip.exists(archive.at("/a.txt")), ExistenceType::AsFile) << row.what;
         }
@@ -168,15 +184,16 @@ TEST(ZipSafety, EntriesThatBreakTheirDeclarations) {
     const std::uint64_t header = ziptest::layoutOf(plain).localHeaders[1];
     const std::uint64_t data = header + 30 + ziptest::getLittle(plain, header + 26, 2) + ziptest::getLittle(plain, header + 28, 2);
     flipped[data + 100] = static_cast<char>(flipped[data + 100] ^ 1);
-    const std::tuple<const char*, std::string, ErrorCode> rows[] = {
-        {"/a.txt", ziptest::withField(plain, 0, 24, 22, 4, 19000), ErrorCode::IOError},  // longer than declared
-        {"/a.txt", ziptest::withField(plain, 0, 24, 22, 4, 21000), ErrorCode::IOError},  // shorter
-        {"/b.txt", ziptest::withField(plain, 1, 24, 22, 4, 19000), ErrorCode::IOError},
-        {"/b.txt", flipped, ErrorCode::IOError},
-        {"/a.txt", ziptest::withField(plain, 0, 8, 6, 2, 1), ErrorCode::UnsupportedOperation},  // encrypted
-        {"/a.txt", ziptest::withField(plain, 0, 10, 8, 2, 97), ErrorCode::UnsupportedOperation},  // method 97
+    const std::tuple<const char*, std::string, ErrorCode, std::string> rows[] = {
+        {"/a.txt", ziptest::withField(plain, 0, 24, 22, 4, 19000), ErrorCode::IOError, ""},  // longer than declared
+        {"/a.txt", ziptest::withField(plain, 0, 24, 22, 4, 21000), ErrorCode::IOError, ""},  // shorter
+        {"/b.txt", ziptest::withField(plain, 1, 24, 22, 4, 19000), ErrorCode::IOError, ""},
+        {"/b.txt", flipped, ErrorCode::IOError, ""},
+        {"/a.txt", ziptest::withField(plain, 0, 8, 6, 2, 1), ErrorCode::UnsupportedOperation,
+         "the entry is encrypted"},
+        {"/a.txt", ziptest::withField(plain, 0, 10, 8, 2, 97), ErrorCode::UnsupportedOperation, ""},  // method 97
     };
-    for (const auto& [name, bytes, code] : rows) {
+    for (const auto& [name, bytes, code, reason] : rows) {
         const auto archive = ziptest::inMemory(bytes);
         try {
             auto stream = archive.provider->openReadOnlyStream(archive.at(name));
@@ -187,6 +204,9 @@ TEST(ZipSafety, EntriesThatBreakTheirDeclarations) {
         } catch (const Exception& e) {
             EXPECT_EQ(e.getErrorCode(), code) << name;
             EXPECT_EQ(e.getStorageIRI(), archive.at(name));
+            if (!reason.empty()) {
+                EXPECT_EQ(fl::i18n::to_string(e.getExceptionContextsString()), reason);
+            }
         }
     }
 }

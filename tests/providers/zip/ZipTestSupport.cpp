@@ -2,9 +2,7 @@
 
 #include <zip.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <stdexcept>
 
 #include "fl/i18n/convert.h"
@@ -163,21 +161,6 @@ InMemory inMemory(const std::string& archive, const std::string& name) {
     StorageItem container(store, location);
     auto provider = std::make_shared<ZipProvider>(container);
     return InMemory{store, container, provider};
-}
-
-TempFolder::TempFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "qkfl-zip-XXXXXX").string();
-    require(::mkdtemp(pattern.data()) != nullptr, "no temporary folder");
-    path_ = pattern;
-}
-
-TempFolder::~TempFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
-
-StorageIRI TempFolder::location(const std::string& relative) const {
-    return StorageIRI(u"file://" + fl::i18n::to_ustring(path_ + "/" + relative));
 }
 
 }  // namespace foundation::storage::provider::zip::ziptest

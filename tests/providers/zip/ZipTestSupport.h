@@ -88,20 +88,4 @@ InMemory inMemory(const std::string& archive, const std::string& name = "t.zip")
 // 'zip:' + inner + '!' + path.
 StorageIRI zipLocation(const StorageIRI& inner, const std::string& path);
 
-// A fresh folder under the system's temporary folder, removed with its content.
-class TempFolder {
-public:
-    TempFolder();
-    TempFolder(const TempFolder&) = delete;
-    TempFolder& operator=(const TempFolder&) = delete;
-    ~TempFolder();
-
-    const std::string& path() const { return path_; }
-    // 'file://' + the path of `relative` in the folder.
-    StorageIRI location(const std::string& relative) const;
-
-private:
-    std::string path_;
-};
-
 }  // namespace foundation::storage::provider::zip::ziptest

@@ -1,2 +1,2 @@
-# The zip provider's tests build archives with libzip and keep them in memory and on disk.
-target_link_libraries(zipprovider_tests PRIVATE qkfl::memoryprovider qkfl::localprovider libzip::zip)
+# The zip provider's tests build archives with libzip and keep them in memory.
+target_link_libraries(zipprovider_tests PRIVATE qkfl::memoryprovider libzip::zip)
