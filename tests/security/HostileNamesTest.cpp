@@ -9,6 +9,7 @@
 #include "storage/provider/local/LocalProvider.h"
 #include "storage/provider/memory/MemoryProvider.h"
 #include "support/Expect.h"
+#include "support/TempFolder.h"
 #include "support/TestIO.h"
 
 // Names that arrive from outside (an archive, a listing of someone else's disk, a user) are
@@ -74,7 +75,7 @@ TEST(HostileNames, EachProviderKeepsNamesWhereTheyBelong) {
                                                     .file("box/inside.txt", "box/inside.txt")
                                                     .file("../../../../t.zip", "t.zip")
                                                     .bytes());
-    const zip::ziptest::TempFolder temp;
+    const TempFolder temp;
     struct Store {
         const char* name;
         StorageItem top;

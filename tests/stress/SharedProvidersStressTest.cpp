@@ -16,6 +16,7 @@
 #include "storage/provider/local/LocalProvider.h"
 #include "storage/provider/memory/MemoryProvider.h"
 #include "support/Expect.h"
+#include "support/TempFolder.h"
 
 // Eight threads share one memory store with an archive in it, the local file system, and the
 // factories that hand out their providers. Each keeps an account of the files it owns; the
@@ -56,7 +57,7 @@ void writeAtomically(const StorageItem& file, const std::string& content) {
 }
 
 TEST(SharedProvidersStress, ThreadsKeepEveryInvariant) {
-    const zip::ziptest::TempFolder disk;
+    const TempFolder disk;
     const StorageItem memRoot(memory::makeMemoryProvider(), memory::MemoryProvider::rootLocation());
     const StorageItem localRoot(std::make_shared<local::LocalProvider>(), disk.location("disk"));
     const StorageItem shared(memRoot, u"shared.txt");

@@ -18,6 +18,7 @@
 
 #include "providers/zip/ZipTestSupport.h"
 #include "storage/provider/Version.h"
+#include "support/TempFolder.h"
 
 namespace {
 
@@ -121,7 +122,7 @@ protected:
         return false;
     }
 
-    ziptest::TempFolder temp_;
+    sp::testsupport::TempFolder temp_;
 };
 
 // One command line, run in the test's folder, and what it must give: the exit status, the
