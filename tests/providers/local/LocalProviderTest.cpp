@@ -326,6 +326,40 @@ TEST_F(LocalProviderTest, WalksTreesWithFewDescriptorsNeverSkippingAFolder) {
     EXPECT_EQ(readFile(path("outside/precious")), "p");
 }
 
+// Another thread keeps replacing subfolders of a tree being removed by links to a folder
+// outside it: the removal never follows one.
+TEST_F(LocalProviderTest, RemovesTreesWhileFoldersAreSwappedForLinks) {
+    makeFolder("outside");
+    for (int i = 0; i < 20; ++i) writeFile(path("outside/keep" + std::to_string(i)), "k");
+    for (int round = 0; round < 50; ++round) {
+        for (int i = 0; i < 10; ++i) {
+            const std::string sub = path("tree/s" + std::to_string(i));
+            std::filesystem::create_directories(sub);
+            for (int j = 0; j < 5; ++j) writeFile(sub + "/f" + std::to_string(j), "f");
+        }
+        std::atomic<bool> done{false};
+        std::thread swapper([&] {
+            for (int i = 0; !done; i = (i + 1) % 10) {
+                const std::string sub = path("tree/s" + std::to_string(i));
+                if (::rename(sub.c_str(), path("tree/aside" + std::to_string(i)).c_str()) == 0) {
+                    ::symlink(path("outside").c_str(), sub.c_str());
+                }
+            }
+        });
+        ErrorCode code = ErrorCode::Unknown;
+        try {
+            provider_->removeFolderRecursively(at("tree"));
+        } catch (const Exception& e) {
+            code = e.getErrorCode();
+        }
+        done = true;
+        swapper.join();
+        EXPECT_TRUE(code == ErrorCode::Unknown || code == ErrorCode::FolderNotEmpty) << round;
+        ASSERT_EQ(test::namesIn(path("outside")).size(), 20U) << "followed a link out of the tree in round " << round;
+        if (std::filesystem::exists(path("tree"))) provider_->removeFolderRecursively(at("tree"));
+    }
+}
+
 // Another file system below: bound, small and full, or read-only. Removal never enters it,
 // moves copy across, and a full one keeps what it held.
 TEST_F(LocalProviderTest, OtherFileSystemsBelow) {
