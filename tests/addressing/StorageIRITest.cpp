@@ -1,9 +1,7 @@
 #include "storage/provider/StorageIRI.h"
 
-#include <atomic>
 #include <functional>
 #include <stdexcept>
-#include <thread>
 #include <unordered_set>
 #include <vector>
 
@@ -238,45 +236,6 @@ TEST(StorageIRI, ContainerBuiltFromPartsParsesBack) {
     expectThrow<ParseFailure>([] { StorageIRI(u"s", StorageIRI(nested(32)), u"/c"); },
                               "Invalid container-style storage IRI 's:" + utf8(nested(32)) +
                                   "!/c'. Containers nest at most 32 levels deep.");
-}
-
-// Threads racing for the cached values of fresh locations of each form, each thread asking in
-// another order, all get the same objects.
-TEST(StorageIRI, ManyThreadsReadOneFreshLocation) {
-    for (int round = 0; round < 20; ++round) {
-        const StorageIRI fresh[] = {StorageIRI(u"zip:file:///ü/a.zip!/x/./y/z"),
-                                    StorageIRI(u"file", Path(u"/ü/x/y")),
-                                    StorageIRI(StorageIRI(u"file:///ü"), u"x/./y/z")};
-        constexpr std::size_t kValues = 6;
-        std::vector<std::vector<const void*>> seen(kValues, std::vector<const void*>(std::size(fresh) * kValues));
-        std::atomic<bool> go{false};
-        std::vector<std::thread> threads;
-        for (std::size_t i = 0; i < seen.size(); ++i) {
-            threads.emplace_back([&, i] {
-                while (!go.load()) {
-                    std::this_thread::yield();
-                }
-                for (std::size_t f = 0; f < std::size(fresh); ++f) {
-                    const StorageIRI& iri = fresh[f];
-                    const std::function<const void*()> values[kValues] = {
-                        [&] { return &iri.toString(); },        [&] { return &iri.toAsciiString(); },
-                        [&] { return &iri.getName(); },         [&] { return &iri.getResolvedPath(); },
-                        [&] { return &iri.getPath(); },         [&] { return iri.getParent().impl().get(); },
-                    };
-                    for (std::size_t k = 0; k < kValues; ++k) {
-                        seen[i][f * kValues + (i + k) % kValues] = values[(i + k) % kValues]();
-                    }
-                }
-            });
-        }
-        go.store(true);
-        for (auto& thread : threads) {
-            thread.join();
-        }
-        for (const auto& s : seen) {
-            EXPECT_EQ(s, seen.front());
-        }
-    }
 }
 
 }  // namespace
