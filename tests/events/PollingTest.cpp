@@ -96,10 +96,6 @@ public:
                                                           fileAttributesGetter(), folderAttributesGetter(),
                                                           std::move(kinds), recursive);
     }
-    void watch(PollingChangeEventsDetector& detector, std::vector<Kind> kinds) {
-        detector.addFolderLocation(location_, iteratorGetter(), fileAttributesGetter(), folderAttributesGetter(),
-                                   std::move(kinds), kFlat);
-    }
 
 private:
     // A listing's entries by name and type alone.
@@ -283,7 +279,8 @@ TEST(SingleFolderChangePoller, AbandonedPollKeepsTheOldSnapshot) {
 TEST(PollingChangeEventsDetector, DestructionWakesThePollingThread) {
     Folder folder;
     auto detector = std::make_unique<PollingChangeEventsDetector>(ChangeEventCallback(), std::chrono::hours(1));
-    folder.watch(*detector, {Kind::FolderChanged});
+    detector->addFolderLocation(folder.location(), folder.iteratorGetter(), folder.fileAttributesGetter(),
+                                folder.folderAttributesGetter(), {Kind::FolderChanged}, kFlat);
     EXPECT_FALSE(detector->isShutdown());
     auto destroyed = std::async(std::launch::async, [&] { detector.reset(); });
     EXPECT_EQ(destroyed.wait_for(60s), std::future_status::ready);

@@ -92,7 +92,7 @@ TEST(CopyFileAtomic, UnsupportedByDefaultAndNothingChanges) {
     EXPECT_FALSE(f.store->fileExists(at(u"/dst")));
 }
 
-TEST(TruncateToSize, DeliberateShortcutsAndFailuresAtTheLocation) {
+TEST(TruncateToSize, DeliberateShortcuts) {
     Fixture f;
     // A short read still writes the whole buffer, zero-padded.
     testsupport::put(*f.store, at(u"/f"), pattern(100));
@@ -105,12 +105,6 @@ TEST(TruncateToSize, DeliberateShortcutsAndFailuresAtTheLocation) {
     f.provider->writeResult = [](long) -> std::optional<long> { return -1; };
     f.provider->truncateToSize(at(u"/f"), 500000);
     EXPECT_EQ(f.content(u"/f").size(), 50U);
-
-    f.provider->writeResult = [](long) -> std::optional<long> {
-        throw Exception(ErrorCode::NoSpaceLeft, at(u"/elsewhere"));
-    };
-    expectError(ErrorCode::NoSpaceLeft, at(u"/f"), [&] { f.provider->truncateToSize(at(u"/f"), 60); });
-    expectError(ErrorCode::NoSpaceLeft, at(u"/f"), [&] { f.provider->truncateToSize(at(u"/f"), 1); });
     expectError(ErrorCode::ResourceNotFound, at(u"/none"), [&] { f.provider->truncateToSize(at(u"/none"), 1); });
 }
 

@@ -63,45 +63,33 @@ protected:
         enter(member, first, second);
         return here(member);
     }
-    template <class Member, class... Args>
-    decltype(auto) pass(const char* name, const StorageIRI* first, Member member, Args&&... args) const {
-        enter(name, first, nullptr);
-        return forward(member, std::forward<Args>(args)...);
-    }
 
-    void doCreateFile(const StorageIRI& l) const override { pass("doCreateFile", &l, &P::doCreateFile, l); }
-    void doCreateFolder(const StorageIRI& l) const override { pass("doCreateFolder", &l, &P::doCreateFolder, l); }
-    bool doFileExists(const StorageIRI& l) const override { return pass("doFileExists", &l, &P::doFileExists, l); }
-    bool doFolderExists(const StorageIRI& l) const override {
-        return pass("doFolderExists", &l, &P::doFolderExists, l);
+    // Primitives: the target's own member. The member `name`, with `params`, enters with the
+    // locations `first` and `second` and passes on the arguments that follow.
+#define QKFL_PRIMITIVE(Result, name, params, first, second, ...) \
+    Result name params const override {                          \
+        enter(#name, first, second);                             \
+        return forward(&P::name, __VA_ARGS__);                   \
     }
-    void doRemoveFile(const StorageIRI& l) const override { pass("doRemoveFile", &l, &P::doRemoveFile, l); }
-    void doMoveFile(const StorageIRI& f, const StorageIRI& t, const ReplacementPolicy& p) const override {
-        enter("doMoveFile", &f, &t);
-        forward(&P::doMoveFile, f, t, p);
-    }
-    void doRemoveFolder(const StorageIRI& l) const override { pass("doRemoveFolder", &l, &P::doRemoveFolder, l); }
-    void doMoveFolder(const StorageIRI& f, const StorageIRI& t, const ReplacementPolicy& p) const override {
-        enter("doMoveFolder", &f, &t);
-        forward(&P::doMoveFolder, f, t, p);
-    }
-    FileAttributes doGetFileAttributes(const StorageIRI& l) const override {
-        return pass("doGetFileAttributes", &l, &P::doGetFileAttributes, l);
-    }
-    FolderAttributes doGetFolderAttributes(const StorageIRI& l) const override {
-        return pass("doGetFolderAttributes", &l, &P::doGetFolderAttributes, l);
-    }
-    std::unique_ptr<ByteStream> doOpenStream(const StorageIRI& l, const ByteStreamOpenOptions& o) const override {
-        return pass("doOpenStream", &l, &P::doOpenStream, l, o);
-    }
-    std::unique_ptr<ByteStream> doOpenReadOnlyStream(const StorageIRI& l) const override {
-        return pass("doOpenReadOnlyStream", &l, &P::doOpenReadOnlyStream, l);
-    }
-    Listing doListAll(const StorageIRI& f) const override { return pass("doListAll", &f, &P::doListAll, f); }
-    Listing doListFiles(const StorageIRI& f) const override { return pass("doListFiles", &f, &P::doListFiles, f); }
-    Listing doListFolders(const StorageIRI& f) const override {
-        return pass("doListFolders", &f, &P::doListFolders, f);
-    }
+    QKFL_PRIMITIVE(void, doCreateFile, (const StorageIRI& l), &l, nullptr, l)
+    QKFL_PRIMITIVE(void, doCreateFolder, (const StorageIRI& l), &l, nullptr, l)
+    QKFL_PRIMITIVE(bool, doFileExists, (const StorageIRI& l), &l, nullptr, l)
+    QKFL_PRIMITIVE(bool, doFolderExists, (const StorageIRI& l), &l, nullptr, l)
+    QKFL_PRIMITIVE(void, doRemoveFile, (const StorageIRI& l), &l, nullptr, l)
+    QKFL_PRIMITIVE(void, doMoveFile, (const StorageIRI& f, const StorageIRI& t, const ReplacementPolicy& p), &f, &t,
+                   f, t, p)
+    QKFL_PRIMITIVE(void, doRemoveFolder, (const StorageIRI& l), &l, nullptr, l)
+    QKFL_PRIMITIVE(void, doMoveFolder, (const StorageIRI& f, const StorageIRI& t, const ReplacementPolicy& p), &f,
+                   &t, f, t, p)
+    QKFL_PRIMITIVE(FileAttributes, doGetFileAttributes, (const StorageIRI& l), &l, nullptr, l)
+    QKFL_PRIMITIVE(FolderAttributes, doGetFolderAttributes, (const StorageIRI& l), &l, nullptr, l)
+    QKFL_PRIMITIVE(std::unique_ptr<ByteStream>, doOpenStream, (const StorageIRI& l, const ByteStreamOpenOptions& o),
+                   &l, nullptr, l, o)
+    QKFL_PRIMITIVE(std::unique_ptr<ByteStream>, doOpenReadOnlyStream, (const StorageIRI& l), &l, nullptr, l)
+    QKFL_PRIMITIVE(Listing, doListAll, (const StorageIRI& f), &f, nullptr, f)
+    QKFL_PRIMITIVE(Listing, doListFiles, (const StorageIRI& f), &f, nullptr, f)
+    QKFL_PRIMITIVE(Listing, doListFolders, (const StorageIRI& f), &f, nullptr, f)
+#undef QKFL_PRIMITIVE
 
     // Composites: IProvider's default here, or the target's own member. The member `name`, with
     // `params`, enters with the locations `first` and `second` and passes on the arguments that follow.
