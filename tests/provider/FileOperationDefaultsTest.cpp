@@ -45,14 +45,6 @@ TEST(CreateFolderRecursive, ReportsFailuresForTheRequestedLocation) {
     expectError(ErrorCode::ResourceNotFound, root, [&] { rootless.createFolderRecursive(root); });
     expectError(ErrorCode::InvalidLocation, at(u"/p/q"), [&] { rootless.createFolderRecursive(at(u"/p/q")); });
     EXPECT_EQ(rootless.count("doCreateFolder"), 0);
-
-    // Creating the file '/f' as a folder fails, reported for the requested location.
-    testsupport::put(*f.store, at(u"/f"), "");
-    f.provider->clear();
-    expectError(ErrorCode::ResourceAlreadyExists, at(u"/f/g/h"),
-                [&] { f.provider->createFolderRecursive(at(u"/f/g/h")); });
-    EXPECT_EQ(f.provider->count("doCreateFolder"), 1);
-    EXPECT_EQ(f.provider->count("doCreateFolder /f"), 1);
 }
 
 TEST(CopyFile, AWriteOfMinusOneDropsTheRestOfItsChunkOnly) {
