@@ -41,8 +41,6 @@ public:
     explicit ForwardingProvider(std::shared_ptr<IProvider> target, Defaults defaults = Defaults::Target)
         : target_(std::move(target)), defaults_(defaults) {}
 
-    const std::shared_ptr<IProvider>& target() const { return target_; }
-
 protected:
     using Listing = std::unique_ptr<IFolderEntryIterator>;
     using P = ProviderSlots;
