@@ -1,10 +1,7 @@
 #include "storage/provider/StorageIRI.h"
 
-#include <atomic>
 #include <functional>
 #include <stdexcept>
-#include <thread>
-#include <unordered_set>
 #include <vector>
 
 #include <boost/functional/hash.hpp>
@@ -60,26 +57,6 @@ TEST(StorageIRI, ParsesText) {
         EXPECT_EQ(row.inner.empty() ? iri.getHost() : iri.getInnerIRI().toString(), row.host + row.inner) << where;
         EXPECT_EQ(StorageIRI(iri.toString()), iri) << where;
     }
-}
-
-// Every way of building a location gives the same text, identity and hash: boost::hash_range
-// over the ASCII text.
-TEST(StorageIRI, EveryConstructionOfOneLocationIsTheSame) {
-    const ustring ascii = u"file:///h/%C3%9Cn%C3%AF%20caf%C3%A9/%E6%97%A5%E6%9C%AC/%E5%A0%B1.txt";
-    const std::vector<StorageIRI> forms = {
-        StorageIRI(u"file:///h/Ünï café/日本/報.txt"),
-        StorageIRI(ascii),
-        StorageIRI(StorageIRI(StorageIRI(u"file:///h"), u"Ünï café/日本"), u"報.txt"),
-        StorageIRI(u"file", Path(u"/h/Ünï café/日本/報.txt")),
-    };
-    for (const StorageIRI& iri : forms) {
-        EXPECT_EQ(iri.toString(), u"file:///h/Ünï%20café/日本/報.txt");
-        EXPECT_EQ(iri.toAsciiString(), ascii);
-        EXPECT_TRUE(iri == forms.front() && forms.front() == iri);
-        EXPECT_FALSE(iri < forms.front() || forms.front() < iri);
-        EXPECT_EQ(std::hash<StorageIRI>()(iri), asciiHash(ascii));
-    }
-    EXPECT_EQ(std::unordered_set<StorageIRI>(forms.begin(), forms.end()).size(), 1u);
 }
 
 // Equality takes one and three or more '/' as the same empty authority; order and hash take
@@ -238,45 +215,6 @@ TEST(StorageIRI, ContainerBuiltFromPartsParsesBack) {
     expectThrow<ParseFailure>([] { StorageIRI(u"s", StorageIRI(nested(32)), u"/c"); },
                               "Invalid container-style storage IRI 's:" + utf8(nested(32)) +
                                   "!/c'. Containers nest at most 32 levels deep.");
-}
-
-// Threads racing for the cached values of fresh locations of each form, each thread asking in
-// another order, all get the same objects.
-TEST(StorageIRI, ManyThreadsReadOneFreshLocation) {
-    for (int round = 0; round < 20; ++round) {
-        const StorageIRI fresh[] = {StorageIRI(u"zip:file:///ü/a.zip!/x/./y/z"),
-                                    StorageIRI(u"file", Path(u"/ü/x/y")),
-                                    StorageIRI(StorageIRI(u"file:///ü"), u"x/./y/z")};
-        constexpr std::size_t kValues = 6;
-        std::vector<std::vector<const void*>> seen(kValues, std::vector<const void*>(std::size(fresh) * kValues));
-        std::atomic<bool> go{false};
-        std::vector<std::thread> threads;
-        for (std::size_t i = 0; i < seen.size(); ++i) {
-            threads.emplace_back([&, i] {
-                while (!go.load()) {
-                    std::this_thread::yield();
-                }
-                for (std::size_t f = 0; f < std::size(fresh); ++f) {
-                    const StorageIRI& iri = fresh[f];
-                    const std::function<const void*()> values[kValues] = {
-                        [&] { return &iri.toString(); },        [&] { return &iri.toAsciiString(); },
-                        [&] { return &iri.getName(); },         [&] { return &iri.getResolvedPath(); },
-                        [&] { return &iri.getPath(); },         [&] { return iri.getParent().impl().get(); },
-                    };
-                    for (std::size_t k = 0; k < kValues; ++k) {
-                        seen[i][f * kValues + (i + k) % kValues] = values[(i + k) % kValues]();
-                    }
-                }
-            });
-        }
-        go.store(true);
-        for (auto& thread : threads) {
-            thread.join();
-        }
-        for (const auto& s : seen) {
-            EXPECT_EQ(s, seen.front());
-        }
-    }
 }
 
 }  // namespace

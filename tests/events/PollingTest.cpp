@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <chrono>
 #include <future>
 #include <memory>
@@ -23,7 +22,6 @@ using namespace std::chrono_literals;
 using events::EntryType;
 using events::Kind;
 using fake::at;
-using fake::eventually;
 using fake::Recorder;
 using testsupport::FaultPlan;
 using Defaults = testsupport::ForwardingProvider::Defaults;
@@ -97,10 +95,6 @@ public:
         return std::make_unique<SingleFolderChangePoller>(location_, std::move(callback), iteratorGetter(),
                                                           fileAttributesGetter(), folderAttributesGetter(),
                                                           std::move(kinds), recursive);
-    }
-    void watch(PollingChangeEventsDetector& detector, std::vector<Kind> kinds) {
-        detector.addFolderLocation(location_, iteratorGetter(), fileAttributesGetter(), folderAttributesGetter(),
-                                   std::move(kinds), kFlat);
     }
 
 private:
@@ -179,30 +173,6 @@ TEST(SingleFolderChangePoller, FetchesAttributesOnlyForEntryModifiedAndOnlyWhenN
     }
 }
 
-TEST(SingleFolderChangePoller, PublishesOnePollInFixedOrder) {
-    Folder folder;
-    folder.put(u"m", kFile, 1);
-    folder.put(u"r1", kFile, 1);
-    folder.put(u"keep", kFolder, 1);
-    folder.put(u"r0", kFolder, 1);
-    Recorder events(folder.location());
-    auto poller = folder.poller(events.callback(), kAllKinds);
-    poller->buildInitialSnapshot();
-    folder.remove(u"r1");
-    folder.remove(u"r0");
-    folder.put(u"n2", kFile, 2);
-    folder.put(u"m", kFile, 2);
-    folder.put(u"n1", kFolder, 2);
-    folder.setTime(2);
-    poller->checkForChanges();
-    // The folder, then its entries in the listing's order, then the removed ones by name.
-    EXPECT_EQ(events.take(), (Events{"FolderChanged /w folder", "EntryModified /w/m file", "EntryAdded /w/n1 folder",
-                                     "EntryAdded /w/n2 file", "EntryRemoved /w/r0 folder",
-                                     "EntryRemoved /w/r1 file"}));
-    poller->checkForChanges();
-    EXPECT_EQ(events.take(), Events{});
-}
-
 TEST(SingleFolderChangePoller, ComparesNamesAndTimesOnly) {
     // Kinds, a change made between two polls (an entry removed, one put), and what the second
     // poll publishes.
@@ -216,8 +186,6 @@ TEST(SingleFolderChangePoller, ComparesNamesAndTimesOnly) {
         Events published;
     };
     const Row rows[] = {
-        {entryKinds, u"x", u"y", kFile, 1, {"EntryAdded /w/y file", "EntryRemoved /w/x file"}},
-        {entryKinds, u"x", u"x", kFile, 2, {"EntryModified /w/x file"}},
         {entryKinds, nullptr, u"x", kFolder, 1, {}},
         {entryKinds, nullptr, u"x", kFolder, 3, {"EntryModified /w/x folder"}},
         {{Kind::EntryAdded, Kind::EntryRemoved}, nullptr, u"x", kFile, 2, {}},
@@ -306,34 +274,12 @@ TEST(SingleFolderChangePoller, AbandonedPollKeepsTheOldSnapshot) {
     EXPECT_EQ(events.take(), Events{"FolderVanished /w folder"});
 }
 
-TEST(PollingChangeEventsDetector, PollsEachFolderWithItsFirstRegistrationUntilRemoved) {
-    Recorder events;
-    PollingChangeEventsDetector detector(events.callback(), 1ms);
-    Folder a(u"/a"), b(u"/b"), decoy(u"/a");
-    a.watch(detector, {Kind::FolderChanged});
-    b.watch(detector, {Kind::EntryAdded});
-    decoy.watch(detector, {Kind::EntryAdded});
-    a.setTime(2);
-    b.put(u"y", kFolder, 1);
-    auto got = events.waitFor(2);
-    EXPECT_FALSE(detector.isShutdown());  // waits for a pass in progress: what it publishes is in by now
-    for (const auto& event : events.take()) got.push_back(event);
-    std::sort(got.begin(), got.end());
-    EXPECT_EQ(got, (Events{"EntryAdded /b/y folder", "FolderChanged /a folder"}));
-    EXPECT_EQ(decoy.listings() + decoy.ownAttributeCalls(), 0);
-
-    detector.removeFolderAtLocation(a.location());
-    detector.removeFolderAtLocation(StorageIRI(u"mem:///never-added"));
-    const int calls = a.ownAttributeCalls();
-    const int listed = b.listings();
-    EXPECT_TRUE(eventually([&] { return b.listings() >= listed + 2; })) << "a whole pass after the removal";
-    EXPECT_EQ(a.ownAttributeCalls(), calls);
-}
-
 TEST(PollingChangeEventsDetector, DestructionWakesThePollingThread) {
     Folder folder;
     auto detector = std::make_unique<PollingChangeEventsDetector>(ChangeEventCallback(), std::chrono::hours(1));
-    folder.watch(*detector, {Kind::FolderChanged});
+    detector->addFolderLocation(folder.location(), folder.iteratorGetter(), folder.fileAttributesGetter(),
+                                folder.folderAttributesGetter(), {Kind::FolderChanged}, kFlat);
+    EXPECT_FALSE(detector->isShutdown());
     auto destroyed = std::async(std::launch::async, [&] { detector.reset(); });
     EXPECT_EQ(destroyed.wait_for(60s), std::future_status::ready);
 }

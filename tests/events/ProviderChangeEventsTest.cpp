@@ -82,6 +82,7 @@ TEST(ProviderChangeEvents, FirstRequestsCallbackPeriodAndKindsStay) {
 
     // Stopping /a ends its polls while /b goes on.
     w.provider->stopChangePollingMechanism(at(u"/a"));
+    w.provider->stopChangePollingMechanism(at(u"/never-watched"));
     const int polledA = w.provider->count("doGetFolderAttributes /a");
     const int polledB = w.provider->count("doListAll /b");
     EXPECT_TRUE(eventually([&] { return w.provider->count("doListAll /b") >= polledB + 2; }));

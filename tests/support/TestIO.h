@@ -7,7 +7,6 @@
 #include <memory>
 #include <optional>
 #include <set>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,29 +20,6 @@
 
 namespace foundation::storage::provider::testsupport {
 
-// Creates or replaces the file `location` with `bytes` (its folders are created first).
-inline void put(const IProvider& provider, const StorageIRI& location, const std::string& bytes) {
-    if (location.hasParent() && !provider.folderExists(location.getParent())) {
-        provider.createFolderRecursive(location.getParent());
-    }
-    auto stream = provider.openStream(location, {ByteStreamAccess::ReadWrite, ByteStreamCreate::Create,
-                                                 ByteStreamTruncate::TruncateExisting, ByteStreamAppend::Overwrite});
-    for (std::size_t done = 0; done < bytes.size();) {
-        const long n = stream->write(bytes.data() + done, static_cast<long>(bytes.size() - done));
-        if (n <= 0) throw std::runtime_error("the store takes no more bytes");
-        done += static_cast<std::size_t>(n);
-    }
-    stream->close();
-}
-
-// `size` bytes that differ from one seed to the next and repeat only every 251 bytes, so a
-// misplaced chunk shows.
-inline std::string pattern(std::size_t size, char seed = 'a') {
-    std::string bytes(size, '\0');
-    for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(seed + static_cast<char>(i % 251));
-    return bytes;
-}
-
 // Writes all of `bytes` to `stream`; a write that takes nothing is a test failure.
 inline void writeAll(ByteStream& stream, const std::string& bytes) {
     for (std::size_t done = 0; done < bytes.size();) {
@@ -54,6 +30,25 @@ inline void writeAll(ByteStream& stream, const std::string& bytes) {
         }
         done += static_cast<std::size_t>(n);
     }
+}
+
+// Creates or replaces the file `location` with `bytes` (its folders are created first).
+inline void put(const IProvider& provider, const StorageIRI& location, const std::string& bytes) {
+    if (location.hasParent() && !provider.folderExists(location.getParent())) {
+        provider.createFolderRecursive(location.getParent());
+    }
+    auto stream = provider.openStream(location, {ByteStreamAccess::ReadWrite, ByteStreamCreate::Create,
+                                                 ByteStreamTruncate::TruncateExisting, ByteStreamAppend::Overwrite});
+    writeAll(*stream, bytes);
+    stream->close();
+}
+
+// `size` bytes that differ from one seed to the next and repeat only every 251 bytes, so a
+// misplaced chunk shows.
+inline std::string pattern(std::size_t size, char seed = 'a') {
+    std::string bytes(size, '\0');
+    for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(seed + static_cast<char>(i % 251));
+    return bytes;
 }
 
 // Reads a stream to its end, which a read reports as -1; a read of nothing before that fails.
