@@ -22,23 +22,6 @@ using R = ReplacementPolicy;
 const ByteStreamOpenOptions kReplace{ByteStreamAccess::ReadWrite, ByteStreamCreate::Create,
                                      ByteStreamTruncate::TruncateExisting, ByteStreamAppend::Overwrite};
 
-// The paths where two trees differ, each with the sizes found and expected there.
-std::string differences(const Tree& found, const Tree& expected) {
-    Tree paths = found;
-    paths.insert(expected.begin(), expected.end());
-    std::string out;
-    for (const auto& entry : paths) {
-        const auto f = found.find(entry.first);
-        const auto e = expected.find(entry.first);
-        if (f != found.end() && e != expected.end() && f->second == e->second) continue;
-        const auto size = [](const Tree& tree, Tree::const_iterator at) {
-            return at == tree.end() ? std::string("nothing") : std::to_string(at->second.size()) + " bytes";
-        };
-        out += " " + entry.first + ": " + size(found, f) + " where " + size(expected, e) + " were expected;";
-    }
-    return out;
-}
-
 TEST_P(ProviderConformance, WriteRefusedWhenReadOnly) {
     if (can().writable) GTEST_SKIP() << "writable";
     const IProvider& p = provider();
@@ -68,7 +51,7 @@ TEST_P(ProviderConformance, WriteRefusals) {
     const IProvider& p = provider();
     const ByteStreamOpenOptions existing{ByteStreamAccess::ReadWrite, ByteStreamCreate::NeverCreate,
                                          ByteStreamTruncate::PreserveExisting, ByteStreamAppend::Overwrite};
-    expectRefusals({
+    std::vector<Refusal> rows{
         {E::ResourceAlreadyExists, "a.txt", [&] { p.createFile(at("a.txt")); }},
         {E::ResourceAlreadyExists, "sub", [&] { p.createFile(at("sub")); }},
         {E::ResourceAlreadyExists, "sub", [&] { p.createFolder(at("sub")); }},
@@ -96,12 +79,20 @@ TEST_P(ProviderConformance, WriteRefusals) {
         {E::ResourceAlreadyExists, "sub/b.txt", [&] { p.copyFile(at("a.txt"), at("sub/b.txt"), R::NoClobber); }},
         {E::ResourceNotFound, "missing", [&] { p.copyFile(at("missing"), at("x"), R::Overwrite); }},
         {E::ResourceNotFound, "missing", [&] { p.truncateToSize(at("missing"), 1); }},
-    });
+    };
+    // What a provider without the capability refuses.
+    const auto unsupported = [&](bool can, const char* location, const std::function<void()>& call) {
+        if (!can) rows.push_back({E::UnsupportedOperation, location, call});
+    };
+    unsupported(can().recursiveRemoval, "sub", [&] { p.removeFolderRecursively(at("sub")); });
+    unsupported(can().setWritable, "a.txt", [&] { p.setWritable(at("a.txt"), false); });
+    unsupported(can().setLastModified, "a.txt", [&] { p.setLastModified(at("a.txt"), {}); });
+    expectRefusals(rows);
     // Where providers differ in the code, the call still fails and the file stays.
     const auto code = errorOf([&] { p.createFolderRecursive(at("a.txt/q/r")); });
     EXPECT_TRUE(code == E::ResourceAlreadyExists || code == E::InvalidLocation) << code;
     EXPECT_NE(errorOf([&] { p.copyFile(at("a.txt"), at("sub"), R::Overwrite); }), E::Unknown);
-    EXPECT_EQ(differences(snapshot(), standardTree()), "");
+    EXPECT_EQ(snapshot(), standardTree());
 }
 
 // One change after another, each compared with the whole tree it must leave, and the size
@@ -112,7 +103,7 @@ TEST_P(ProviderConformance, WriteChangesInTurn) {
     const std::string large = testsupport::pattern(100000);
     const std::string zeros(300000, '\0');
     // Each change, with the paths it leaves different: their new content, or "-" where they went.
-    const std::vector<std::pair<std::function<void()>, Tree>> changes{
+    std::vector<std::pair<std::function<void()>, Tree>> changes{
         {[&] { p.createFile(at("new.txt")); }, {{"new.txt", ""}}},
         {[&] { p.createFolder(at("newfolder")); }, {{"newfolder/", ""}}},
         {[&] { p.removeFile(at("new.txt")); }, {{"new.txt", "-"}}},
@@ -129,7 +120,7 @@ TEST_P(ProviderConformance, WriteChangesInTurn) {
         {[&] { p.copyFile(at("large.bin"), at("sub/b.txt"), R::Overwrite); }, {{"sub/b.txt", large}}},
         {[&] { p.copyFile(at("x/y/c"), at("sub/b.txt"), R::Clobber); }, {{"sub/b.txt", "alpha"}}},
         {[&] { p.moveFolder(at("x"), at("sub/x"), R::Preserve); },
-         {{"x/", "-"}, {"x/y/", "-"}, {"x/y/c", "-"}, {"sub/x/", ""}, {"sub/x/y/", ""}, {"sub/x/y/c", "alpha"}}},
+         {{"x/", "-"}, {"sub/x/", ""}, {"sub/x/y/", ""}, {"sub/x/y/c", "alpha"}}},
         {[&] { p.truncateToSize(at("sub/b.txt"), 5); }, {{"sub/b.txt", "alpha"}}},
         {[&] { p.truncateToSize(at("sub/b.txt"), 8); }, {{"sub/b.txt", std::string("alpha\0\0\0", 8)}}},
         {[&] { p.truncateToSize(at("sub/b.txt"), 2); }, {{"sub/b.txt", "al"}}},
@@ -137,13 +128,14 @@ TEST_P(ProviderConformance, WriteChangesInTurn) {
         {[&] { p.truncateToSize(at("sub/b.txt"), zeros.size()); }, {{"sub/b.txt", zeros}}},
         {[&] { p.truncateToSize(at("large.bin"), 3); }, {{"large.bin", large.substr(0, 3)}}},
     };
+    if (can().recursiveRemoval) changes.push_back({[&] { p.removeFolderRecursively(at("sub")); }, {{"sub/", "-"}}});
     Tree expected = standardTree();
     for (std::size_t i = 0; i < changes.size(); ++i) {
         SCOPED_TRACE(::testing::Message() << "change " << i + 1);
         changes[i].first();
         for (const auto& [path, content] : changes[i].second) {
             if (content == "-") {
-                expected.erase(path);
+                std::erase_if(expected, [&path](const auto& entry) { return entry.first.starts_with(path); });
                 continue;
             }
             expected[path] = content;
@@ -151,7 +143,7 @@ TEST_P(ProviderConformance, WriteChangesInTurn) {
                 EXPECT_EQ(p.getFileAttributes(at(path)).getSize(), content.size()) << path;
             }
         }
-        EXPECT_EQ(differences(snapshot(), expected), "");
+        EXPECT_EQ(snapshot(), expected);
     }
 }
 
@@ -203,24 +195,10 @@ TEST_P(ProviderConformance, WriteStreamOptions) {
     }
 }
 
-TEST_P(ProviderConformance, WriteRemoveRecursively) {
-    if (!can().writable) GTEST_SKIP() << "read-only";
-    if (!can().recursiveRemoval) {
-        expectError(E::UnsupportedOperation, at("sub"), [&] { provider().removeFolderRecursively(at("sub")); });
-        EXPECT_EQ(snapshot(), standardTree());
-        return;
-    }
-    provider().removeFolderRecursively(at("sub"));
-    EXPECT_FALSE(provider().folderExists(at("sub")));
-    EXPECT_TRUE(provider().fileExists(at("a.txt")));
-}
-
 TEST_P(ProviderConformance, WriteAttributes) {
     if (!can().writable) GTEST_SKIP() << "read-only";
     const StorageIRI file = at("a.txt");
-    if (!can().setWritable) {
-        expectError(E::UnsupportedOperation, file, [&] { provider().setWritable(file, false); });
-    } else {
+    if (can().setWritable) {
         provider().setWritable(file, false);
         EXPECT_FALSE(provider().getFileAttributes(file).isWritable());
         expectError(E::PermissionDenied, file, [&] { provider().openStream(file, kReplace); });
@@ -232,10 +210,7 @@ TEST_P(ProviderConformance, WriteAttributes) {
     }
 
     const boost::posix_time::ptime past = boost::posix_time::time_from_string("2020-05-17 10:20:30");
-    if (!can().setLastModified) {
-        expectError(E::UnsupportedOperation, file, [&] { provider().setLastModified(file, past); });
-        return;
-    }
+    if (!can().setLastModified) return;
     const auto near = [&past](const boost::posix_time::ptime& time) {
         return (time - past).abs() <= boost::posix_time::seconds(2);
     };

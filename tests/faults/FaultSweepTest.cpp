@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
-#include <iostream>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <sstream>
@@ -326,13 +326,15 @@ Operation poll() {
 
 // --- The sweep engine -------------------------------------------------------------------------
 
+// One operation, swept once per fault kind it lists; an injected exception carries `code`,
+// a stream failure or short write IOError.
 struct Sweep {
     const char* name;
     Store store;
     Defaults defaults;
     std::function<Operation()> operation;
-    FaultKind kind;
     ErrorCode code;
+    std::vector<FaultKind> kinds;
 };
 
 std::ostream& operator<<(std::ostream& out, const Sweep& sweep) { return out << sweep.name; }
@@ -352,56 +354,59 @@ TEST_P(FaultSweep, EveryStepFailsCleanly) {
     const Sweep& sweep = GetParam();
     const Operation operation = sweep.operation();
 
-    std::vector<Step> points;
+    std::vector<Step> steps;
     {
         World clean(sweep.store, sweep.defaults);
         operation.prepare(clean);
         clean.plan->arm(std::nullopt);
         ASSERT_NO_THROW(operation.run(clean));
         operation.check(clean, false);
-        for (const Step& step : clean.plan->steps()) {
-            if (applies(sweep.kind, step)) points.push_back(step);
-        }
+        steps = clean.plan->steps();
     }
-    ASSERT_FALSE(points.empty());
 
-    for (const Step& point : points) {
-        SCOPED_TRACE(point.name + " #" + std::to_string(point.ordinal) + " at " +
-                     fl::i18n::to_string(point.location.toString()));
-        World w(sweep.store, sweep.defaults);
-        operation.prepare(w);
-        w.plan->arm(FaultPlan::Fault{point.name, point.ordinal, sweep.kind, sweep.code});
-        bool failed = true;
-        try {
-            operation.run(w);
-            failed = false;
-        } catch (const Exception& e) {
-            EXPECT_EQ(e.getErrorCode(), sweep.code);
-            const auto expected = operation.blame(w, *w.plan->fired(), sweep.kind);
-            if (expected) {
-                EXPECT_EQ(e.getStorageIRI(), *expected);
-            } else {
-                ADD_FAILURE() << "Exception where the stream failure should pass unchanged";
+    for (const FaultKind kind : sweep.kinds) {
+        const ErrorCode code = kind == FaultKind::Exception ? sweep.code : ErrorCode::IOError;
+        std::vector<Step> points;
+        std::copy_if(steps.begin(), steps.end(), std::back_inserter(points),
+                     [kind](const Step& step) { return applies(kind, step); });
+        ASSERT_FALSE(points.empty());
+        for (const Step& point : points) {
+            SCOPED_TRACE(::testing::Message() << "kind " << static_cast<int>(kind) << ' ' << point.name << " #" << point.ordinal << " at "
+                                              << fl::i18n::to_string(point.location.toString()));
+            World w(sweep.store, sweep.defaults);
+            operation.prepare(w);
+            w.plan->arm(FaultPlan::Fault{point.name, point.ordinal, kind, code});
+            bool failed = true;
+            try {
+                operation.run(w);
+                failed = false;
+            } catch (const Exception& e) {
+                EXPECT_EQ(e.getErrorCode(), code);
+                const auto expected = operation.blame(w, *w.plan->fired(), kind);
+                if (expected) {
+                    EXPECT_EQ(e.getStorageIRI(), *expected);
+                } else {
+                    ADD_FAILURE() << "Exception where the stream failure should pass unchanged";
+                }
+            } catch (const ByteStreamFailure& e) {
+                EXPECT_EQ(e.getErrorCode(), code);
+                EXPECT_FALSE(operation.blame(w, *w.plan->fired(), kind).has_value())
+                    << "a stream failure where an Exception with a location is documented";
             }
-        } catch (const ByteStreamFailure& e) {
-            EXPECT_EQ(e.getErrorCode(), sweep.code);
-            EXPECT_FALSE(operation.blame(w, *w.plan->fired(), sweep.kind).has_value())
-                << "a stream failure where an Exception with a location is documented";
-        }
-        ASSERT_TRUE(w.plan->fired().has_value()) << "the step was not reached again";
-        if (sweep.kind == FaultKind::ShortWrite) {
-            EXPECT_FALSE(failed) << "a short write is no failure";
-        }
-        operation.check(w, failed);
+            ASSERT_TRUE(w.plan->fired().has_value()) << "the step was not reached again";
+            if (kind == FaultKind::ShortWrite) {
+                EXPECT_FALSE(failed) << "a short write is no failure";
+            }
+            operation.check(w, failed);
 
-        // Still usable: the same operation, without faults, completes.
-        w.plan->arm(std::nullopt);
-        if (failed) {
-            EXPECT_NO_THROW(operation.run(w));
-            operation.check(w, false);
+            // Still usable: the same operation, without faults, completes.
+            w.plan->arm(std::nullopt);
+            if (failed) {
+                EXPECT_NO_THROW(operation.run(w));
+                operation.check(w, false);
+            }
         }
     }
-    std::cout << "[ sweep    ] " << sweep.name << ": " << points.size() << " fault points\n";
 }
 
 constexpr auto E = FaultKind::Exception;
@@ -411,6 +416,8 @@ constexpr auto Mem = Store::Memory;
 constexpr auto Loc = Store::Local;
 constexpr auto Here = Defaults::Here;
 constexpr auto Native = Defaults::Target;
+constexpr auto NoSpace = ErrorCode::NoSpaceLeft;
+constexpr auto Denied = ErrorCode::PermissionDenied;
 
 Operation committedWrite() { return transactionalWrite(StreamClosePolicy::Commit); }
 Operation abortedWrite() { return transactionalWrite(StreamClosePolicy::Abort); }
@@ -421,35 +428,20 @@ Operation grow() { return truncation(1000, 300000); }
 
 INSTANTIATE_TEST_SUITE_P(
     Operations, FaultSweep,
-    ::testing::Values(
-        Sweep{"MemoryTransactionalWriteException", Mem, Here, committedWrite, E, ErrorCode::NoSpaceLeft},
-        Sweep{"MemoryTransactionalWriteStreamFailure", Mem, Here, committedWrite, F, ErrorCode::IOError},
-        Sweep{"MemoryTransactionalWriteShortWrite", Mem, Here, committedWrite, W, ErrorCode::IOError},
-        Sweep{"MemoryAbortedWriteException", Mem, Here, abortedWrite, E, ErrorCode::NoSpaceLeft},
-        Sweep{"MemoryAbortedWriteStreamFailure", Mem, Here, abortedWrite, F, ErrorCode::IOError},
-        Sweep{"LocalTransactionalWriteException", Loc, Native, committedWrite, E, ErrorCode::NoSpaceLeft},
-        Sweep{"LocalTransactionalWriteStreamFailure", Loc, Native, committedWrite, F, ErrorCode::IOError},
-        Sweep{"MemoryAtomicCopyException", Mem, Here, atomicCopy, E, ErrorCode::PermissionDenied},
-        Sweep{"MemoryAtomicCopyStreamFailure", Mem, Here, atomicCopy, F, ErrorCode::IOError},
-        Sweep{"MemoryAtomicCopyShortWrite", Mem, Here, atomicCopy, W, ErrorCode::IOError},
-        Sweep{"LocalAbortedWriteException", Loc, Native, abortedWrite, E, ErrorCode::NoSpaceLeft},
-        Sweep{"LocalAtomicCopyException", Loc, Native, atomicCopy, E, ErrorCode::PermissionDenied},
-        Sweep{"LocalAtomicCopyStreamFailure", Loc, Native, atomicCopy, F, ErrorCode::IOError},
-        Sweep{"MemoryCopyException", Mem, Here, plainCopy, E, ErrorCode::PermissionDenied},
-        Sweep{"MemoryCopyStreamFailure", Mem, Here, plainCopy, F, ErrorCode::IOError},
-        Sweep{"MemoryCopyShortWrite", Mem, Here, plainCopy, W, ErrorCode::IOError},
-        Sweep{"LocalCopyException", Loc, Native, plainCopy, E, ErrorCode::PermissionDenied},
-        Sweep{"LocalCopyStreamFailure", Loc, Native, plainCopy, F, ErrorCode::IOError},
-        Sweep{"MemoryShrinkException", Mem, Here, shrink, E, ErrorCode::NoSpaceLeft},
-        Sweep{"MemoryShrinkStreamFailure", Mem, Here, shrink, F, ErrorCode::IOError},
-        Sweep{"MemoryShrinkShortWrite", Mem, Here, shrink, W, ErrorCode::IOError},
-        Sweep{"MemoryGrowException", Mem, Here, grow, E, ErrorCode::NoSpaceLeft},
-        Sweep{"MemoryGrowStreamFailure", Mem, Here, grow, F, ErrorCode::IOError},
-        Sweep{"MemoryGrowShortWrite", Mem, Here, grow, W, ErrorCode::IOError},
-        Sweep{"MemoryRecursiveCreationException", Mem, Here, recursiveCreation, E, ErrorCode::PermissionDenied},
-        Sweep{"LocalRecursiveCreationException", Loc, Here, recursiveCreation, E, ErrorCode::PermissionDenied},
-        Sweep{"MemoryPollException", Mem, Here, poll, E, ErrorCode::IOError},
-        Sweep{"MemoryPollNotFound", Mem, Here, poll, E, ErrorCode::ResourceNotFound}),
+    ::testing::Values(Sweep{"MemoryTransactionalWrite", Mem, Here, committedWrite, NoSpace, {E, F, W}},
+                      Sweep{"MemoryAbortedWrite", Mem, Here, abortedWrite, NoSpace, {E, F}},
+                      Sweep{"LocalTransactionalWrite", Loc, Native, committedWrite, NoSpace, {E, F}},
+                      Sweep{"LocalAbortedWrite", Loc, Native, abortedWrite, NoSpace, {E}},
+                      Sweep{"MemoryAtomicCopy", Mem, Here, atomicCopy, Denied, {E, F, W}},
+                      Sweep{"LocalAtomicCopy", Loc, Native, atomicCopy, Denied, {E, F}},
+                      Sweep{"MemoryCopy", Mem, Here, plainCopy, Denied, {E, F, W}},
+                      Sweep{"LocalCopy", Loc, Native, plainCopy, Denied, {E, F}},
+                      Sweep{"MemoryShrink", Mem, Here, shrink, NoSpace, {E, F, W}},
+                      Sweep{"MemoryGrow", Mem, Here, grow, NoSpace, {E, F, W}},
+                      Sweep{"MemoryRecursiveCreation", Mem, Here, recursiveCreation, Denied, {E}},
+                      Sweep{"LocalRecursiveCreation", Loc, Here, recursiveCreation, Denied, {E}},
+                      Sweep{"MemoryPoll", Mem, Here, poll, ErrorCode::IOError, {E}},
+                      Sweep{"MemoryPollNotFound", Mem, Here, poll, ErrorCode::ResourceNotFound, {E}}),
     [](const ::testing::TestParamInfo<Sweep>& line) { return std::string(line.param.name); });
 
 // Streamed copies between two memory providers: the callback is asked after each 4 MiB chunk

@@ -74,7 +74,6 @@ TEST_F(MemoryProviderTest, RefusesWhatItCannotDo) {
         {E::InvalidLocation, [&] { provider_->moveFolder(mem("/a/b"), mem("/a"), R::Overwrite); }},
         {E::InvalidLocation, [&] { provider_->moveFolder(mem("/full/f"), mem("/g"), R::Overwrite); }},
         {E::InvalidLocation, [&] { provider_->moveFile(mem("/full"), mem("/g"), R::Overwrite); }},
-        {E::InvalidLocation, [&] { provider_->createFile(mem("/full/f/g")); }},
         {E::FolderNotEmpty, [&] { provider_->moveFolder(mem("/a"), mem("/full"), R::Clobber); }},
         {E::ResourceAlreadyExists, [&] { provider_->moveFile(mem("/full/f"), mem("/full/f"), R::Preserve); }},
         {E::ResourceNotFound, [&] { provider_->setWritable(mem("/none"), true); }},
