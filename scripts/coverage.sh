@@ -49,7 +49,8 @@ gcovr --root . --object-directory "$build" \
   -j "$jobs" \
   --txt "$build/coverage.txt" \
   --html-details "$build/html/index.html" \
-  --json-summary "$build/coverage.json" || exit 2
+  --json-summary "$build/coverage.json" \
+  "$build" || exit 2
 
 python3 - "$build/coverage.json" <<'EOF'
 import json, sys
