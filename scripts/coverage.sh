@@ -32,9 +32,11 @@ cmake --build "$build" -- -j"$jobs" || exit 2
 # Counters of an earlier run would add to this one.
 find "$build" -name '*.gcda' -delete
 
+# packaging.exports is left out: the gcov runtime linked into the library exports symbols of
+# its own (__gcov_*), which that test rightly refuses.
 tests_ok=1
-ctest --test-dir "$build" -j "$jobs" --output-on-failure --timeout 600 >"$build/ctest.log" 2>&1 ||
-  tests_ok=0
+ctest --test-dir "$build" -j "$jobs" -E '^packaging\.exports$' --output-on-failure --timeout 600 \
+  >"$build/ctest.log" 2>&1 || tests_ok=0
 grep -E '^[0-9]+% tests passed|^\s+[0-9]+ - .*\((Failed|Timeout|SEGFAULT|Subprocess|Exception)' \
   "$build/ctest.log"
 [ "$tests_ok" = 1 ] || echo "coverage: some tests failed (see $build/ctest.log); coverage counts what ran"
