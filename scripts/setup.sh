@@ -18,6 +18,8 @@ packages=(
   libglib2.0-dev libpoco-dev
   # docs
   doxygen
+  # measuring the suite: scripts/coverage.sh and scripts/mutation.sh
+  gcovr python3
 )
 
 missing=()
