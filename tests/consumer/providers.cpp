@@ -24,11 +24,13 @@ int main() {
         const sp::StorageItem note(files, sp::StorageIRI(folder, u"note.txt"));
         note.createFile();
         const sp::StorageItem copy(sp::memory::makeMemoryProvider(), sp::StorageIRI(sp::ustring(u"mem:///note.txt")));
-        // An archive that is not there holds no entries; a server's provider is made without a request.
+        // An archive that is not there holds no entries; a server's provider is made without a
+        // request.
         const sp::StorageIRI entry(u"zip", sp::StorageIRI(folder, u"missing.zip"), u"/a.txt");
-        const sp::StorageItem inZip = sp::zip::ZipProviderFactory().itemFor(entry, [&](const sp::StorageIRI&) { return files; });
+        const sp::StorageItem inZip =
+            sp::zip::ZipProviderFactory().itemFor(entry, [&](const sp::StorageIRI&) { return files; });
         const sp::dav::DavProvider server(sp::StorageIRI(sp::ustring(u"dav://127.0.0.1:9/")));
-        ok = note.copyFile(copy, {}) == sp::TransactionStatus::Completed &&
+        ok = note.copyFile(copy, sp::CopyFileOptions{}) == sp::TransactionStatus::Completed &&
              inZip.getProvider()->exists(entry) == sp::ExistenceType::AsNeither;
     } catch (const sp::Exception& e) {
         std::cerr << "providers consumer: " << fl::i18n::to_string(e.ToUstringImpl()) << "\n";
