@@ -164,7 +164,7 @@ ptree settings(const std::string& value) {
     return tree;
 }
 
-TEST(ProviderFactory, SharesOneConfiguredProviderPerKeyWhileHeld) {
+TEST(ProviderFactory, SharesOneProviderPerKeyWhileHeldAndConfiguresTheLiveOnes) {
     Factory factory;
     const auto plain = factory.get(u"mem://counted/");  // held, and skipped: not configurable
     factory.configure(settings("1"));
