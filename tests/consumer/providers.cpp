@@ -1,6 +1,5 @@
-// Uses each reference provider the way an application would: the local file system and zip
-// archives through their factories, the memory store directly, a WebDAV server's provider, a
-// file written atomically and copied across two providers.
+// Uses each reference provider through its own exported target: the local file system and zip
+// archives through their factories, the memory store and a WebDAV server's provider directly.
 #include <cstdlib>
 #include <iostream>
 
@@ -15,47 +14,28 @@
 
 namespace sp = foundation::storage::provider;
 
-namespace {
-
-// Whether every step worked; a failure says which on stderr.
-bool run(const sp::StorageIRI& folder) {
-    sp::local::LocalProviderFactory files;
-    const sp::StorageItem note(files.buildProvider(folder), sp::StorageIRI(folder, u"note.txt"));
-    const auto out = note.openTransactionalStream({});
-    out->write("hello", 5);
-    out->close(sp::StreamClosePolicy::Commit);
-
-    const sp::StorageItem copy(sp::memory::makeMemoryProvider(), sp::StorageIRI(sp::ustring(u"mem:///note.txt")));
-    const auto options = sp::CopyFileOptions{sp::ReplacementPolicy::NoClobber, sp::TransactionPolicy::Atomic, {}};
-    const bool copied =
-        note.copyFile(copy, options) == sp::TransactionStatus::Completed && copy.getFileAttributes().getSize() == 5;
-
-    // An archive that is not there holds no entries.
-    const sp::StorageIRI entry(u"zip", sp::StorageIRI(folder, u"missing.zip"), u"/a.txt");
-    const sp::StorageItem inZip = sp::zip::ZipProviderFactory().itemFor(
-        entry, [&](const sp::StorageIRI& location) { return files.buildProvider(location); });
-    const bool zipped = inZip.getProvider()->exists(entry) == sp::ExistenceType::AsNeither;
-
-    // A server's provider is made without a request.
-    const sp::dav::DavProvider server(sp::StorageIRI(sp::ustring(u"dav://127.0.0.1:9/")));
-    if (!copied || !zipped) std::cerr << "providers consumer: " << (copied ? "a missing zip" : "a copy") << "\n";
-    return copied && zipped;
-}
-
-}  // namespace
-
 int main() {
     char pattern[] = "/tmp/qkfl-consumer-XXXXXX";
     if (::mkdtemp(pattern) == nullptr) return EXIT_FAILURE;
     const sp::StorageIRI folder = sp::toStorageIRI(u"file", fl::filesystem::basic_path(fl::i18n::to_ustring(pattern)));
+    const auto files = sp::local::LocalProviderFactory().buildProvider(folder);
     bool ok = false;
     try {
-        ok = run(folder);
+        const sp::StorageItem note(files, sp::StorageIRI(folder, u"note.txt"));
+        note.createFile();
+        const sp::StorageItem copy(sp::memory::makeMemoryProvider(), sp::StorageIRI(sp::ustring(u"mem:///note.txt")));
+        // An archive that is not there holds no entries; a server's provider is made without a
+        // request.
+        const sp::StorageIRI entry(u"zip", sp::StorageIRI(folder, u"missing.zip"), u"/a.txt");
+        const sp::StorageItem inZip =
+            sp::zip::ZipProviderFactory().itemFor(entry, [&](const sp::StorageIRI&) { return files; });
+        const sp::dav::DavProvider server(sp::StorageIRI(sp::ustring(u"dav://127.0.0.1:9/")));
+        ok = note.copyFile(copy, sp::CopyFileOptions{}) == sp::TransactionStatus::Completed &&
+             inZip.getProvider()->exists(entry) == sp::ExistenceType::AsNeither;
     } catch (const sp::Exception& e) {
         std::cerr << "providers consumer: " << fl::i18n::to_string(e.ToUstringImpl()) << "\n";
     }
-    sp::local::LocalProviderFactory().buildProvider(folder)->removeFolderRecursively(folder);
-    if (!ok) return EXIT_FAILURE;
-    std::cout << "providers consumer OK\n";
-    return EXIT_SUCCESS;
+    files->removeFolderRecursively(folder);
+    std::cout << "providers consumer " << (ok ? "OK\n" : "failed\n");
+    return ok ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -164,8 +164,9 @@ ptree settings(const std::string& value) {
     return tree;
 }
 
-TEST(ProviderFactory, SharesOneConfiguredProviderPerKeyWhileHeld) {
+TEST(ProviderFactory, SharesOneProviderPerKeyWhileHeldAndConfiguresTheLiveOnes) {
     Factory factory;
+    const auto plain = factory.get(u"mem://counted/");  // held, and skipped: not configurable
     factory.configure(settings("1"));
     const auto a = factory.get(u"mem://a/one");
     EXPECT_EQ(factory.get(u"mem://a/two/three"), a);
@@ -176,30 +177,25 @@ TEST(ProviderFactory, SharesOneConfiguredProviderPerKeyWhileHeld) {
     std::weak_ptr<IProvider> first = factory.get(u"mem://c/");
     EXPECT_TRUE(first.expired());
     EXPECT_EQ(configurable(factory.get(u"mem://c/")).configurations.size(), 1u);
-    EXPECT_EQ(factory.builds, 4);
+    EXPECT_EQ(factory.builds, 5);
+
+    // A configuration reaches the live providers; an empty one reaches nobody, yet replaces the
+    // stored one.
+    factory.configure(settings("2"));
+    EXPECT_EQ(configurable(a).configurations.back(), settings("2"));
+    factory.configure(ptree());
+    EXPECT_EQ(configurable(a).configurations.size(), 2u);
+    EXPECT_TRUE(configurable(factory.get(u"mem://d/")).configurations.empty());
+
+    // An item passes a configuration to its provider.
+    StorageItem(a, StorageIRI(u"mem://a/x")).configure(settings("3"));
+    EXPECT_EQ(configurable(a).configurations.back(), settings("3"));
 }
 
 TEST(ProviderFactory, ForgetsReleasedProviders) {
     Factory factory;
     for (int i = 0; i < 1000; ++i) factory.get(u"mem://counted" + fl::i18n::to_ustring(std::to_string(i)) + u"/");
     EXPECT_LT(liveBlocks.load(), 50) << "the cache keeps what expired";
-}
-
-TEST(ProviderFactory, ConfigureReachesLiveConfigurableProviders) {
-    Factory factory;
-    const auto early = factory.get(u"mem://a/");
-    const auto plain = factory.get(u"mem://counted/");  // held, and skipped: not configurable
-    factory.configure(settings("1"));
-    EXPECT_EQ(configurable(early).configurations, std::vector<ptree>{settings("1")});
-
-    // An empty configuration reaches nobody, yet replaces the stored one.
-    factory.configure(ptree());
-    EXPECT_EQ(configurable(early).configurations.size(), 1u);
-    EXPECT_TRUE(configurable(factory.get(u"mem://b/")).configurations.empty());
-
-    // An item passes a configuration to its provider.
-    StorageItem(early, StorageIRI(u"mem://a/x")).configure(settings("2"));
-    EXPECT_EQ(configurable(early).configurations.back(), settings("2"));
 }
 
 TEST(ProviderFactory, FailuresRememberNothing) {

@@ -20,36 +20,28 @@ constexpr auto Commit = StreamClosePolicy::Commit;
 constexpr auto Abort = StreamClosePolicy::Abort;
 const StorageIRI kTarget(u"mem:///folder/target.txt");
 
-// A transactional stream whose close action records each policy, over a data stream that counts
-// its closes and fails them while `failClose` is set.
+// A data stream that counts its closes and fails them while `failClose` is set, under a
+// transactional stream whose close action records each policy.
 struct Recorder {
     int closes = 0;
     bool failClose = false;
     Policies calls;
     std::function<void(const StreamClosePolicy&)> action = [this](const StreamClosePolicy& p) { calls.push_back(p); };
 
-    std::unique_ptr<TransactionalStream> open(bool withTarget = true);
-};
-
-class ProbedStream : public testsupport::StringByteStream {
-public:
-    explicit ProbedStream(Recorder& recorder) : recorder_(recorder) {}
-
-protected:
-    void doClose() override {
-        ++recorder_.closes;
-        if (recorder_.failClose) throw ByteStreamFailure(ErrorCode::NoSpaceLeft, "close failed");
+    struct Probed : testsupport::StringByteStream {
+        Recorder& recorder;
+        explicit Probed(Recorder& r) : recorder(r) {}
+        void doClose() override {
+            ++recorder.closes;
+            if (recorder.failClose) throw ByteStreamFailure(ErrorCode::NoSpaceLeft, "close failed");
+        }
+    };
+    std::unique_ptr<TransactionalStream> open(bool withTarget = true) {
+        std::unique_ptr<ByteStream> data = std::make_unique<Probed>(*this);
+        if (!withTarget) return std::make_unique<GenericTransactionalStream<ByteStream>>(data, action);
+        return std::make_unique<GenericTransactionalStream<ByteStream>>(data, action, kTarget);
     }
-
-private:
-    Recorder& recorder_;
 };
-
-std::unique_ptr<TransactionalStream> Recorder::open(bool withTarget) {
-    std::unique_ptr<ByteStream> data = std::make_unique<ProbedStream>(*this);
-    if (!withTarget) return std::make_unique<GenericTransactionalStream<ByteStream>>(data, action);
-    return std::make_unique<GenericTransactionalStream<ByteStream>>(data, action, kTarget);
-}
 
 // A write through a read-only stream fails; reported at a location, the failure keeps its code
 // and its own words, without the iostream's.
