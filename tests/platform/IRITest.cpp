@@ -53,7 +53,7 @@ TEST(IRI, PrintsIriAndUriForms) {
         {u"file:///x\xdce9", u"", "file:///x%E9"},
         {u"http://[::1]:8080/a[1]?b[2]#c[3]", u"", "http://[::1]:8080/a%5B1%5D?b%5B2%5D#c%5B3%5D"},
         {u"file:///%C3%28%C0%AF%ED%A0%80", u"", "file:///%C3%28%C0%AF%ED%A0%80"},
-        {u"file:///a\u200fb\u0085", u"", "file:///a%E2%80%8Fb%C2%85"},  // bidi, C1
+        {u"file:///a\u200fb\u0085\u2066", u"", "file:///a%E2%80%8Fb%C2%85%E2%81%A6"},  // bidi, C1
         {u"file:///\ue000?\ue000", u"file:///%EE%80%80?\ue000", "file:///%EE%80%80?%EE%80%80"},
         {u"file:///%C3%BC%C3", u"file:///\u00fc%C3", "file:///%C3%BC%C3"},
         {u"http://user:pw@[2001:db8::1]:8080/p?q=1&r#f", u"", "http://user:pw@[2001:db8::1]:8080/p?q=1&r#f"},
