@@ -1,7 +1,5 @@
 #include "storage/provider/dav/DavProvider.h"
 
-#include <atomic>
-
 #include "DavTestSupport.h"
 #include "conformance/ProviderConformance.h"
 
@@ -21,7 +19,7 @@ conformance::ProviderCase serverCase(const char* name, test::TestServer::Kind ki
     served.capabilities.gappedReplace = kind == test::TestServer::Kind::Rclone;
     served.makeSameStoreProvider = [](const auto& subject) { return std::make_shared<DavProvider>(subject.root); };
     served.makeEmptyProvider = [kind] {
-        static std::atomic<int> count{0};
+        static int count = 0;
         test::TestServer& server = test::TestServer::shared(kind);
         auto provider = test::providerFor(server);
         const StorageIRI root = server.at("/open/w" + std::to_string(++count));
