@@ -5,18 +5,20 @@
 
 #include <functional>
 #include <iterator>
-#include <sstream>
 #include <set>
+#include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
 
 #include "DavTestSupport.h"
+#include "conformance/ProviderConformance.h"
 #include "support/TestIO.h"
 
 namespace foundation::storage::provider::dav {
 namespace {
 
+using conformance::ProviderConformance;
 using test::TestServer;
 using testsupport::put;
 
@@ -168,6 +170,30 @@ TEST(DavProvider, NamesNeedingEscapesRoundTrip) {
     for (const std::string& name : names) put(*provider, StorageIRI(folder, fl::i18n::to_ustring(name)), "x");
     EXPECT_EQ(testsupport::entrySet(provider->listAll(folder)), names);
 }
+
+// The conformance suite against each server, in a fresh folder under '/open/' for each test.
+conformance::ProviderCase serverCase(const char* name, TestServer::Kind kind) {
+    conformance::ProviderCase served;
+    served.name = name;
+    // rclone's MOVE onto an existing file deletes it before renaming the source.
+    served.capabilities = {.recursiveListing = true, .recursiveRemoval = true, .wholeSecondTimes = true,
+                           .gappedReplace = kind == TestServer::Kind::Rclone};
+    served.makeSameStoreProvider = [](const auto& subject) { return std::make_shared<DavProvider>(subject.root); };
+    served.makeEmptyProvider = [kind] {
+        static int count = 0;
+        TestServer& server = TestServer::shared(kind);
+        auto provider = test::providerFor(server);
+        const StorageIRI root = server.at("/open/w" + std::to_string(++count));
+        provider->createFolder(root);
+        return conformance::ProviderUnderTest{provider, root};
+    };
+    return served;
+}
+
+INSTANTIATE_TEST_SUITE_P(Dav, ProviderConformance,
+                         testing::Values(serverCase("Apache", TestServer::Kind::Apache),
+                                         serverCase("nginx", TestServer::Kind::Nginx),
+                                         serverCase("rclone", TestServer::Kind::Rclone)));
 
 }  // namespace
 }  // namespace foundation::storage::provider::dav
