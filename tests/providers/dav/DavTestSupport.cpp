@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -139,11 +140,8 @@ TestServer::~TestServer() {
 }
 
 TestServer& TestServer::shared(Kind kind) {
-    // Each started only when asked for.
-    static std::unique_ptr<TestServer> servers[4];
-    std::unique_ptr<TestServer>& server = servers[static_cast<int>(kind)];
-    if (!server) server = std::make_unique<TestServer>(kind);
-    return *server;
+    static std::map<Kind, TestServer> servers;  // each started only when asked for
+    return servers.try_emplace(kind, kind).first->second;
 }
 
 StorageIRI TestServer::at(const std::string& path) const {
