@@ -107,21 +107,20 @@ TEST(DavFaults, RetriesCredentialsAndRefusals) {
     struct Case {
         std::string server, location, settings, operation, expected;
     };
-    const std::string u = "user=u password=p";
+    const std::string u = "user=u password=p", local = "127.0.0.1/f.txt", remote = "example.invalid/f.txt";
     const Case cases[] = {
-        {"503 429 207", "127.0.0.1/f.txt", "", "exists", "PROPFIND PROPFIND PROPFIND -> a file"},
-        {"429", "127.0.0.1/f.txt", "retries=2", "exists", "PROPFIND PROPFIND PROPFIND -> IOError"},
-        {"silent", "127.0.0.1/f.txt", "timeout=1 retries=0", "exists", "PROPFIND -> IOError"},
-        {"207 drop cut 200", "127.0.0.1/f.txt", "", "read", "PROPFIND GET GET GET -> abc"},
-        {"207 cut", "127.0.0.1/f.txt", "retries=0", "read", "PROPFIND GET -> IOError"},
-        {"207 416", "127.0.0.1/f.txt", "", "read", "PROPFIND GET -> "},
-        {"207 207 503 201 201 207", "127.0.0.1/f.txt", "", "write", "PROPFIND PROPFIND PUT PUT MOVE PROPFIND -> "},
-        {"207 207 201 503 404 207", "127.0.0.1/f.txt", "", "write",
-         "PROPFIND PROPFIND PUT MOVE DELETE PROPFIND -> IOError"},
-        {"207 503", "127.0.0.1/f.txt", "", "remove", "PROPFIND DELETE -> IOError"},
-        {"404", "example.invalid/f.txt", u, "exists", "PROPFIND -> nothing"},
-        {"404", "example.invalid/f.txt", u + " plainCredentials=1", "exists", "PROPFIND+auth -> nothing"},
-        {"302 404", "example.invalid/f.txt", u + " plainCredentials=1", "exists", "PROPFIND+auth PROPFIND -> nothing"},
+        {"503 429 207", local, "", "exists", "PROPFIND PROPFIND PROPFIND -> a file"},
+        {"429", local, "retries=2", "exists", "PROPFIND PROPFIND PROPFIND -> IOError"},
+        {"silent", local, "timeout=1 retries=0", "exists", "PROPFIND -> IOError"},
+        {"207 drop cut 200", local, "", "read", "PROPFIND GET GET GET -> abc"},
+        {"207 cut", local, "retries=0", "read", "PROPFIND GET -> IOError"},
+        {"207 416", local, "", "read", "PROPFIND GET -> "},
+        {"207 207 503 201 201 207", local, "", "write", "PROPFIND PROPFIND PUT PUT MOVE PROPFIND -> "},
+        {"207 207 201 503 404 207", local, "", "write", "PROPFIND PROPFIND PUT MOVE DELETE PROPFIND -> IOError"},
+        {"207 503", local, "", "remove", "PROPFIND DELETE -> IOError"},
+        {"404", remote, u, "exists", "PROPFIND -> nothing"},
+        {"404", remote, u + " plainCredentials=1", "exists", "PROPFIND+auth -> nothing"},
+        {"302 404", remote, u + " plainCredentials=1", "exists", "PROPFIND+auth PROPFIND -> nothing"},
         {"Apache", "/small/f.txt", "", "write 5000", "-> FileTooLarge"},
         {"Apache", "/auth/f.txt", "user=tester password=secret", "write", "-> "},
         {"Apache", "/auth/f.txt", "user=tester password=wrong", "exists", "-> PermissionDenied"},
