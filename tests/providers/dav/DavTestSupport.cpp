@@ -12,45 +12,22 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
-#include <vector>
 
 #include "fl/i18n/convert.h"
 
 namespace foundation::storage::provider::dav::test {
-namespace {
 
 namespace fs = std::filesystem;
 
-sockaddr_in loopback(int port) {
+int loopbackSocket(int& port) {
+    const int s = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    return address;
-}
-
-int freePort() {
-    int port = 0;
-    ::close(loopbackSocket(port));
-    return port;
-}
-
-bool accepts(int port) {
-    const int s = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address = loopback(port);
-    const bool connected = ::connect(s, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    ::close(s);
-    return connected;
-}
-
-}  // namespace
-
-int loopbackSocket(int& port) {
-    const int s = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address = loopback(0);
     socklen_t length = sizeof address;
     ::bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address);
     ::getsockname(s, reinterpret_cast<sockaddr*>(&address), &length);
@@ -95,17 +72,16 @@ std::vector<std::string> TestServer::configure() const {
         return {"nginx", "-p", f, "-c", f + "/nginx.conf"};
     }
     if (kind_ == Kind::Rclone) {
-        std::ofstream(f + "/rclone.conf");
-        return {"rclone", "serve", "webdav", "--config", f + "/rclone.conf", "--addr", "127.0.0.1:" + port,
-                "--dir-cache-time", "0s", "--log-file", f + "/error.log", f + "/root"};
+        return {"rclone", "serve", "webdav", "--config", "", "--addr", "127.0.0.1:" + port, "--dir-cache-time", "0s",
+                "--log-file", f + "/error.log", f + "/root"};
     }
     const std::string modules = "/usr/lib/apache2/modules/";
     std::ofstream config(f + "/httpd.conf");
     config << "ServerRoot " << f << "\nServerName 127.0.0.1\nListen 127.0.0.1:" << port << "\n"
            << "PidFile " << f << "/httpd.pid\nErrorLog " << f << "/error.log\nLogLevel warn\n";
     if (::geteuid() == 0) config << "User www-data\nGroup www-data\n";
-    for (const char* module : {"mpm_event", "authz_core", "authn_core", "authn_file", "auth_basic", "authz_user",
-                               "dav", "dav_fs", "ssl"}) {
+    for (const char* module :
+         {"mpm_event", "authz_core", "authn_core", "authn_file", "auth_basic", "authz_user", "dav", "dav_fs", "ssl"}) {
         config << "LoadModule " << module << "_module " << modules << "mod_" << module << ".so\n";
     }
     config << "CustomLog " << f << "/access.log \"%r %>s %B\"\n"
@@ -123,7 +99,8 @@ std::vector<std::string> TestServer::configure() const {
 
 void TestServer::start() {
     for (int attempt = 0; attempt < 5; ++attempt) {
-        if (port_ == 0 || attempt > 0) port_ = freePort();  // a restart keeps its port
+        if (port_ == 0 || attempt > 0) ::close(loopbackSocket(port_));  // a restart keeps its port
+        const auto probe = providerFor(*this, "verifyTls=false retries=0");
         const std::vector<std::string> command = configure();
         pid_ = ::fork();
         if (pid_ == 0) {
@@ -134,15 +111,15 @@ void TestServer::start() {
             ::execvp(argv[0], argv.data());
             ::_exit(127);
         }
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (std::chrono::steady_clock::now() < deadline) {
-            if (accepts(port_)) return;
-            int status = 0;
-            if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-                pid_ = -1;
-                break;  // the port was taken: try another
+        // Until it answers (20 s at least), or ends because its port was taken.
+        siginfo_t ended{};
+        for (int wait = 0; wait < 2000 && ended.si_pid != pid_; ++wait) {
+            try {
+                if (probe->folderExists(at("/open"))) return;
+            } catch (const Exception&) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
             }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            ::waitid(P_PID, static_cast<id_t>(pid_), &ended, WEXITED | WNOHANG | WNOWAIT);
         }
         stop();
     }
@@ -152,8 +129,7 @@ void TestServer::start() {
 void TestServer::stop() {
     if (pid_ <= 0) return;
     ::kill(pid_, SIGTERM);
-    int status = 0;
-    ::waitpid(pid_, &status, 0);
+    ::waitpid(pid_, nullptr, 0);
     pid_ = -1;
 }
 
@@ -164,19 +140,14 @@ TestServer::~TestServer() {
 }
 
 TestServer& TestServer::shared(Kind kind) {
-    // Each started only when asked for.
-    static std::unique_ptr<TestServer> servers[4];
-    std::unique_ptr<TestServer>& server = servers[static_cast<int>(kind)];
-    if (!server) server = std::make_unique<TestServer>(kind);
-    return *server;
+    static std::map<Kind, TestServer> servers;  // each started only when asked for
+    return servers.try_emplace(kind, kind).first->second;
 }
 
 StorageIRI TestServer::at(const std::string& path) const {
     return StorageIRI(fl::i18n::to_ustring((kind_ == Kind::ApacheTls ? "davs" : "dav") + std::string("://127.0.0.1:") +
                                            std::to_string(port_) + path));
 }
-
-std::string TestServer::onDisk(const std::string& path) const { return folder_ + "/root" + path; }
 
 std::shared_ptr<DavProvider> providerFor(const TestServer& server, const std::string& settings) {
     auto provider = std::make_shared<DavProvider>(server.at("/"));

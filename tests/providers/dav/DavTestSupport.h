@@ -28,13 +28,13 @@ public:
     TestServer(const TestServer&) = delete;
     TestServer& operator=(const TestServer&) = delete;
 
-    // The one server of a kind (not ApacheTls) of this test program, started on first use.
+    // The one server of a kind of this test program, started on first use.
     static TestServer& shared(Kind kind = Kind::Apache);
 
     // 'dav://127.0.0.1:<port>' + path ('davs' with TLS).
     StorageIRI at(const std::string& path) const;
     // The file on disk behind a server path, and the access log ("request status bytes").
-    std::string onDisk(const std::string& path) const;
+    std::string onDisk(const std::string& path) const { return folder_ + "/root" + path; }
     std::string accessLog() const { return folder_ + "/access.log"; }
     int port() const { return port_; }
     std::string caFile() const { return folder_ + "/cert.pem"; }
