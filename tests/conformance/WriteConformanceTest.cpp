@@ -319,6 +319,12 @@ public:
                    (!alternative.empty() &&
                     std::includes(got.begin(), got.end(), alternative.begin(), alternative.end()));
         });
+        // Late repeats of this step's events (a second modification notice) belong to it, not
+        // to the next step: wait until the events stop for a moment.
+        for (std::size_t count = 0; count != events_.size();) {
+            count = events_.size();
+            changed_.wait_for(lock, std::chrono::milliseconds(250), [&] { return events_.size() != count; });
+        }
         const Seen got = seen();
         events_.clear();
         return got;
