@@ -243,12 +243,14 @@ TEST_F(LocalEventsTest, PollingSkipsWhatItCannotReadUntilItCan) {
         ASSERT_EQ(::chmod(path(folder).c_str(), 0755), 0);
     }
     test::withDescriptorLimit(test::lowestFreeDescriptor(), twoPasses);
-    EXPECT_FALSE(log.mentions("locked")) << "nothing changed in it";
+    EXPECT_FALSE(log.mentions("locked")) << testing::PrintToString(log.lines());
 
     ASSERT_EQ(::chmod(path("locked/sub").c_str(), 0300), 0);  // written, not listed
+    // A pass that opened the folder before the chmod could still list the new file.
+    twoPasses();
     writeFile(path("locked/sub/new"), "n");
     twoPasses();
-    EXPECT_FALSE(log.mentions("locked"));
+    EXPECT_FALSE(log.mentions("locked")) << testing::PrintToString(log.lines());
     ASSERT_EQ(::chmod(path("locked/sub").c_str(), 0755), 0);
     EXPECT_TRUE(log.waitFor("EntryAdded locked/sub/new file"));
     EXPECT_FALSE(log.mentions("Removed"));
