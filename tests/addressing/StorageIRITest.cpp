@@ -59,27 +59,6 @@ TEST(StorageIRI, ParsesText) {
     }
 }
 
-// Equality takes one and three or more '/' as the same empty authority; order and hash take
-// the text as it is. The path form orders by element: '/a/b' before '/a.b'.
-TEST(StorageIRI, EqualityIsLooserThanOrdering) {
-    const std::tuple<ustring, ustring, bool> rows[] = {
-        {u"s:/x", u"s:///x", true},
-        {u"s://x", u"s:///x", false},
-        {u"ab:///x", u"ac:///x", false},
-        {u"s:///x", u"s:///xy", false},
-    };
-    for (const auto& [a, b, equal] : rows) {
-        EXPECT_EQ(StorageIRI(a) == StorageIRI(b), equal) << utf8(a) << " vs " << utf8(b);
-        EXPECT_EQ(StorageIRI(b) != StorageIRI(a), !equal) << utf8(a) << " vs " << utf8(b);
-    }
-    const StorageIRI three(u"s:///x");
-    const StorageIRI four(u"s:////x");
-    EXPECT_TRUE(three == four && four < three && !(three < four) && !(three < three));
-    EXPECT_NE(three.hashValue(), four.hashValue());
-    auto at = [](const ustring& path) { return StorageIRI(u"file", Path(path)); };
-    EXPECT_TRUE(at(u"/a/b") < at(u"/a.b") && StorageIRI(u"file:///a.b") < at(u"/a/b"));
-}
-
 // A child location keeps only its text until asked for more: it compares, hashes and answers
 // as the location parsed from that text, whichever is asked first. Names are decoded text:
 // escapes and delimiters in them stay part of the name.

@@ -40,12 +40,7 @@ StorageIRI ProviderConformance::at(const std::string& relative) const {
 }
 
 void ProviderConformance::write(const std::string& relative, const std::string& content) const {
-    auto stream = provider().openStream(at(relative), ByteStreamOpenOptions{ByteStreamAccess::WriteOnly,
-                                                                            ByteStreamCreate::Create,
-                                                                            ByteStreamTruncate::TruncateExisting,
-                                                                            ByteStreamAppend::Overwrite});
-    testsupport::writeAll(*stream, content);
-    stream->close();
+    testsupport::put(provider(), at(relative), content);
 }
 
 Tree ProviderConformance::snapshot() const {

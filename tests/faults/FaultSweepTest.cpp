@@ -1,10 +1,6 @@
 #include "support/FaultInjectingProvider.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdlib>
-#include <filesystem>
 #include <functional>
 #include <iterator>
 #include <memory>
@@ -22,6 +18,7 @@
 #include "storage/provider/TransactionalStream.h"
 #include "storage/provider/local/LocalProvider.h"
 #include "storage/provider/memory/MemoryProvider.h"
+#include "support/TempFolder.h"
 #include "support/TestIO.h"
 
 // Fault sweeps: each operation runs once clean to learn its steps, then once per step with
@@ -63,10 +60,9 @@ enum class Store { Memory, Local };
 struct World {
     explicit World(Store store, Defaults targetDefaults) {
         if (store == Store::Local) {
-            temp = (std::filesystem::temp_directory_path() / "qkfl-faults-XXXXXX").string();
-            if (::mkdtemp(temp.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+            temp.emplace();
             rawTarget = std::make_shared<local::LocalProvider>();
-            folder = StorageIRI(fl::i18n::to_ustring("file://" + temp));
+            folder = StorageIRI(fl::i18n::to_ustring("file://" + temp->path()));
         } else {
             rawTarget = memory::makeMemoryProvider();
             folder = StorageIRI(u"mem:///work");
@@ -76,12 +72,6 @@ struct World {
         target = std::make_shared<FaultInjectingProvider>(rawTarget, plan, targetDefaults);
         source = std::make_shared<FaultInjectingProvider>(rawSource, plan, Defaults::Here);
     }
-    World(const World&) = delete;
-    World& operator=(const World&) = delete;
-    ~World() {
-        std::error_code ignored;
-        if (!temp.empty()) std::filesystem::remove_all(temp, ignored);
-    }
     StorageIRI at(const std::string& name) const { return StorageIRI(folder, fl::i18n::to_ustring(name)); }
     std::vector<std::string> scratchNames() const {
         std::vector<std::string> found = testsupport::namesOf(rawTarget->listAll(folder));
@@ -90,7 +80,7 @@ struct World {
     }
 
     std::shared_ptr<FaultPlan> plan = std::make_shared<FaultPlan>();
-    std::string temp;
+    std::optional<testsupport::TempFolder> temp;
     std::shared_ptr<IProvider> rawSource = memory::makeMemoryProvider();
     std::shared_ptr<IProvider> rawTarget;
     StorageIRI folder{u"mem:///"};
@@ -239,24 +229,6 @@ Operation truncation(std::uint64_t from, std::uint64_t to) {
                 EXPECT_TRUE(now.size() >= from && now.size() <= to && grown.compare(0, now.size(), now) == 0)
                     << now.size() << " bytes";
             }
-        },
-    };
-}
-
-// --- Recursive folder creation ------------------------------------------------------------
-
-Operation recursiveCreation() {
-    return {
-        [](World&) {},
-        [](World& w) { w.target->createFolderRecursive(StorageIRI(w.at("a"), u"b/c/d")); },
-        // A failed creation names the requested folder; a failed existence test passes unchanged.
-        [](const World& w, const Step& step, FaultKind) -> std::optional<StorageIRI> {
-            if (step.name == "doCreateFolder") return StorageIRI(w.at("a"), u"b/c/d");
-            return step.location;
-        },
-        [](World& w, bool failed) {
-            const StorageIRI requested(w.at("a"), u"b/c/d");
-            EXPECT_EQ(w.rawTarget->folderExists(requested), !failed);
         },
     };
 }
@@ -438,8 +410,6 @@ INSTANTIATE_TEST_SUITE_P(
                       Sweep{"LocalCopy", Loc, Native, plainCopy, Denied, {E, F}},
                       Sweep{"MemoryShrink", Mem, Here, shrink, NoSpace, {E, F, W}},
                       Sweep{"MemoryGrow", Mem, Here, grow, NoSpace, {E, F, W}},
-                      Sweep{"MemoryRecursiveCreation", Mem, Here, recursiveCreation, Denied, {E}},
-                      Sweep{"LocalRecursiveCreation", Loc, Here, recursiveCreation, Denied, {E}},
                       Sweep{"MemoryPoll", Mem, Here, poll, ErrorCode::IOError, {E}},
                       Sweep{"MemoryPollNotFound", Mem, Here, poll, ErrorCode::ResourceNotFound, {E}}),
     [](const ::testing::TestParamInfo<Sweep>& line) { return std::string(line.param.name); });
