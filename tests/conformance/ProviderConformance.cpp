@@ -46,7 +46,7 @@ void ProviderConformance::write(const std::string& relative, const std::string& 
 Tree ProviderConformance::snapshot() const {
     Tree tree;
     std::function<void(const std::string&)> walk = [&](const std::string& folder) {
-        for (const std::string& name : entries(provider().listAll(at(folder)))) {
+        for (const std::string& name : entrySet(provider().listAll(at(folder)))) {
             const std::string path = folder + name;
             tree[path] = name.back() == '/' ? "" : read(path);
             if (name.back() == '/') walk(path);

@@ -1,11 +1,11 @@
 #include "support/FaultInjectingProvider.h"
+#include "support/FakeFolder.h"
 
 #include <algorithm>
 #include <functional>
 #include <iterator>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -85,8 +85,8 @@ struct World {
     std::shared_ptr<IProvider> rawTarget;
     StorageIRI folder{u"mem:///"};
     std::shared_ptr<IProvider> source, target;
-    // What a poll published, one line per event.
-    std::vector<std::string> events;
+    // What a poll published.
+    fake::Recorder events;
     std::unique_ptr<SingleFolderChangePoller> poller;
 };
 
@@ -235,19 +235,9 @@ Operation truncation(std::uint64_t from, std::uint64_t to) {
 
 // --- A poll -------------------------------------------------------------------------------
 
-std::string describe(const events::Kind& kind, const StorageIRI& entry) {
-    std::ostringstream line;
-    line << kind << ' ' << entry.toString();
-    return line.str();
-}
-
 // The events of one poll after the folder changed: one entry modified, one added, one removed.
-std::vector<std::string> pollEvents(const StorageIRI& folder) {
-    return {describe(events::Kind::FolderChanged, folder),
-            describe(events::Kind::EntryModified, StorageIRI(folder, u"a")),
-            describe(events::Kind::EntryAdded, StorageIRI(folder, u"c")),
-            describe(events::Kind::EntryRemoved, StorageIRI(folder, u"b"))};
-}
+const std::vector<std::string> kPollEvents{"FolderChanged /work folder", "EntryModified /work/a file",
+                                           "EntryAdded /work/c file", "EntryRemoved /work/b file"};
 
 // Two polls through the guard the providers' change polling uses: a poll that cannot read
 // publishes no entry event and throws nothing, and the next one reports every change; a
@@ -257,11 +247,7 @@ Operation poll() {
         [](World& w) {
             put(*w.rawTarget, w.at("a"), "a");
             put(*w.rawTarget, w.at("b"), "b");
-            const ChangeEventCallback record = [&w](const events::Kind& kind, const StorageIRI&,
-                                                    const StorageIRI& entry, const events::EntryType&,
-                                                    boost::property_tree::ptree) {
-                w.events.push_back(describe(kind, entry));
-            };
+            const ChangeEventCallback record = w.events.callback();
             const PollGuard guard(
                 w.target, w.folder, record,
                 std::vector<events::Kind>{events::Kind::FolderChanged, events::Kind::FolderVanished,
@@ -278,20 +264,20 @@ Operation poll() {
             put(*w.rawTarget, w.at("c"), "c");
         },
         [](World& w) {
-            w.events.clear();
+            w.events.take();
             w.poller->checkForChanges();
             if (w.plan->fired()) {
                 // The folder's own time may be read, and its change published, before what fails.
-                const std::vector<std::string> folderOnly{pollEvents(w.folder).front()};
-                EXPECT_TRUE(w.events.empty() || w.events == folderOnly) << "a failed poll published entries";
-                w.events.clear();
+                const std::vector<std::string> seen = w.events.take();
+                EXPECT_TRUE(seen.empty() || seen == std::vector<std::string>{kPollEvents.front()})
+                    << "a failed poll published entries";
                 w.poller->checkForChanges();
             }
         },
         unchanged,
         [](World& w, bool failed) {
             EXPECT_FALSE(failed);
-            EXPECT_EQ(w.events, pollEvents(w.folder));
+            EXPECT_EQ(w.events.take(), kPollEvents);
         },
     };
 }
