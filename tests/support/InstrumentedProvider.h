@@ -50,7 +50,7 @@ protected:
     void enter(const std::string& member, const StorageIRI* first, const StorageIRI* second) const override {
         std::string call = member;
         for (const StorageIRI* location : {first, second}) {
-            if (location) call += " " + fl::i18n::to_string(location->getPath());
+            if (location) call.append(" ").append(fl::i18n::to_string(location->getPath()));
         }
         record(std::move(call));
     }
