@@ -4,8 +4,10 @@
 
 #include "storage/provider/local/LocalProvider.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <stdio.h>
 
 #include <atomic>
 #include <climits>
@@ -18,6 +20,36 @@
 #include "conformance/ProviderConformance.h"
 #include "storage/provider/StorageItem.h"
 #include "support/TestIO.h"
+
+namespace {
+std::atomic<bool> hideMountIds{false};
+std::atomic<bool> noExclusiveRenameNorLinks{false};
+
+template <class F>
+F* real(const char* name) {
+    return reinterpret_cast<F*>(::dlsym(RTLD_NEXT, name));
+}
+}  // namespace
+
+// This program's statx(2), link(2) and renameat2(2): when armed, they act as on an older
+// kernel (no mount ids) or a file system without hard links or exclusive renames.
+extern "C" int statx(int dir, const char* path, int flags, unsigned mask, struct statx* out) noexcept {
+    const int result = real<int(int, const char*, int, unsigned, struct statx*)>("statx")(dir, path, flags, mask, out);
+    if (result == 0 && hideMountIds) out->stx_mask &= ~STATX_MNT_ID;
+    return result;
+}
+extern "C" int link(const char* from, const char* to) noexcept {
+    if (!noExclusiveRenameNorLinks) return real<int(const char*, const char*)>("link")(from, to);
+    errno = EPERM;
+    return -1;
+}
+extern "C" int renameat2(int fromDir, const char* from, int toDir, const char* to, unsigned flags) noexcept {
+    if (!noExclusiveRenameNorLinks) {
+        return real<int(int, const char*, int, const char*, unsigned)>("renameat2")(fromDir, from, toDir, to, flags);
+    }
+    errno = EINVAL;
+    return -1;
+}
 
 namespace foundation::storage::provider::local {
 namespace {
@@ -372,6 +404,14 @@ TEST_F(LocalProviderTest, OtherFileSystemsBelow) {
     bad(ErrorCode::ResourceInUse, "small", [&] { provider_->removeFolder(at("small")); });
     EXPECT_EQ(errorOf([&] { provider_->removeFolderRecursively(at("tree")); }), ErrorCode::ResourceInUse);
     EXPECT_EQ(readFile(path("source/precious")), "p");
+    // Without mount ids (older kernels) the device alone tells another file system.
+    std::filesystem::create_directories(path("other/fs"));
+    ASSERT_EQ(test::mountFailure("tmpfs", path("other/fs"), "tmpfs", 0), std::nullopt);
+    writeFile(path("other/fs/kept"), "k");
+    hideMountIds = true;
+    EXPECT_EQ(errorOf([&] { provider_->removeFolderRecursively(at("other")); }), ErrorCode::ResourceInUse);
+    hideMountIds = false;
+    EXPECT_EQ(readFile(path("other/fs/kept")), "k");
 
     const ProviderStorageInfo info = provider_->getProviderStorageInfo(at("small"));
     EXPECT_EQ(info.getStorageCapacity(), 64U * 1024);
@@ -418,6 +458,21 @@ TEST_F(LocalProviderTest, OtherFileSystemsBelow) {
     ASSERT_EQ(test::mountFailure(nullptr, path("small"), nullptr, MS_REMOUNT | MS_RDONLY), std::nullopt);
     bad(ErrorCode::ReadOnlyProvider, "small/new", [&] { provider_->createFile(at("small/new")); });
     bad(ErrorCode::ReadOnlyProvider, "small/keep", [&] { provider_->removeFile(at("small/keep")); });
+}
+
+// Without exclusive renames or hard links, a move that must not replace claims the name with
+// an empty file first and renames onto it.
+TEST_F(LocalProviderTest, MovesWithoutReplacingWhereNoLinksCanBeMade) {
+    writeFile(path("a"), "a");
+    writeFile(path("taken"), "t");
+    noExclusiveRenameNorLinks = true;
+    provider_->moveFile(at("a"), at("b"), ReplacementPolicy::NoClobber);
+    const ErrorCode taken = errorOf([&] { provider_->moveFile(at("b"), at("taken"), ReplacementPolicy::Preserve); });
+    noExclusiveRenameNorLinks = false;
+    EXPECT_EQ(taken, ErrorCode::ResourceAlreadyExists);
+    EXPECT_EQ(test::namesIn(folder_.path()), (std::vector<std::string>{"b", "taken"}));
+    EXPECT_EQ(readFile(path("b")), "a");
+    EXPECT_EQ(readFile(path("taken")), "t");
 }
 
 TEST_F(LocalProviderTest, FlushesOnlyWhatItReaches) {
