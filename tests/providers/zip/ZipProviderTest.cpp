@@ -122,7 +122,7 @@ TEST(ZipProvider, MatchesItsOwnWildcards) {
 }
 
 TEST(ZipProvider, StreamsSeekInStoredAndCompressedEntries) {
-    const std::string content = ziptest::sampleText(600000);
+    const std::string content = ziptest::pattern(600000);
     const auto archive = ziptest::inMemory(ziptest::ZipBuilder()
                                                .file("stored.txt", content, Method::Stored)
                                                .file("deflated.txt", content, Method::Deflated)

@@ -115,7 +115,7 @@ TEST(ZipSafety, NamesCostTheirLengthAndNoMore) {
 }
 
 TEST(ZipSafety, RefusesImplausibleArchives) {
-    const std::string plain = ziptest::ZipBuilder().file("a.txt", ziptest::sampleText(100000, 7)).file("b.txt", "bee").bytes();
+    const std::string plain = ziptest::ZipBuilder().file("a.txt", ziptest::pattern(100000)).file("b.txt", "bee").bytes();
     const auto compressed = ziptest::getLittle(plain, ziptest::layoutOf(plain).directoryEntries[0] + 20, 4);
     const std::string stored = ziptest::ZipBuilder().file("a.txt", "abc", Method::Stored).bytes();
     const std::string implied = ziptest::ZipBuilder().file("a.txt", "a").file("b/c/d/e.txt", "e").bytes();
@@ -127,7 +127,7 @@ TEST(ZipSafety, RefusesImplausibleArchives) {
         bool refused;
         const char* reason = nullptr;
     } rows[] = {
-        {"text", ziptest::sampleText(3000), {}, true, "not a zip archive"},
+        {"text", ziptest::pattern(3000), {}, true, "not a zip archive"},
         {"plain", plain, {}, false},
         {"a size beyond what deflate reaches", sized(plain, compressed * 2000), {}, true},
         {"a size deflate reaches", sized(plain, compressed * 1000), {}, false},
@@ -172,7 +172,7 @@ TEST(ZipSafety, RefusesImplausibleArchives) {
 }
 
 TEST(ZipSafety, EntriesThatBreakTheirDeclarations) {
-    const std::string text = ziptest::sampleText(20000);
+    const std::string text = ziptest::pattern(20000);
     const std::string plain = ziptest::ZipBuilder()
                                   .file("a.txt", text)
                                   .file("b.txt", text, Method::Stored)

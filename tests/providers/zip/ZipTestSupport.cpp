@@ -133,21 +133,6 @@ std::string replaced(std::string archive, const std::string& from, const std::st
     return archive;
 }
 
-std::string sampleText(std::size_t size, unsigned seed) {
-    static const char* const words[] = {"storage ", "archive ", "entry ", "folder ", "zip ", "stream ",
-                                        "seek ",    "inflate ", "bytes ", "name\n", "deflate ", "index "};
-    std::string text;
-    text.reserve(size + 16);
-    unsigned state = seed;
-    while (text.size() < size) {
-        state = state * 1103515245U + 12345U;
-        text += words[(state >> 16) % 12];
-        if ((state >> 8) % 7 == 0) text += std::to_string(state % 1000);
-    }
-    text.resize(size);
-    return text;
-}
-
 StorageIRI zipLocation(const StorageIRI& inner, const std::string& path) {
     return StorageIRI(u"zip:" + inner.toString() + u"!" + fl::i18n::to_ustring(path));
 }

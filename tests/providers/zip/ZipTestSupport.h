@@ -69,11 +69,9 @@ std::string withField(std::string archive, std::size_t entry, int central, int l
 std::string replaced(std::string archive, const std::string& from, const std::string& to);
 
 using testsupport::namesOf;
+using testsupport::pattern;
 using testsupport::put;
 using testsupport::readAll;
-
-// Text of test data: deterministic, compressible but not trivially.
-std::string sampleText(std::size_t size, unsigned seed = 1);
 
 // A memory store holding the archive at 'mem:///<name>', and a zip provider on it.
 struct InMemory {
