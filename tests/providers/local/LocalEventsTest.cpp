@@ -257,25 +257,5 @@ TEST_F(LocalEventsTest, PollingSkipsWhatItCannotReadUntilItCan) {
     EXPECT_FALSE(log.mentions("Vanished"));
 }
 
-TEST_F(LocalEventsTest, PollingSurvivesEntriesVanishingWhileListed) {
-    makeFolder("busy");
-    EventLog& log = newLog("");
-    provider_->startChangePollingMechanism(at("busy"), log.callback(), kAll, std::chrono::milliseconds(1),
-                                           RecursiveChangePolling::Recursive);
-    for (int i = 0; i < 2000; ++i) {
-        const std::string file = path("busy/f" + std::to_string(i % 7));
-        const std::string sub = path("busy/d" + std::to_string(i % 5));
-        writeFile(file, "x");
-        ::mkdir(sub.c_str(), 0755);
-        writeFile(sub + "/x", "x");
-        ::unlink((sub + "/x").c_str());
-        ::rmdir(sub.c_str());
-        ::unlink(file.c_str());
-    }
-    writeFile(path("busy/final"), "f");
-    EXPECT_TRUE(log.waitFor("EntryAdded busy/final file"));
-    EXPECT_FALSE(log.mentions("FolderVanished"));
-}
-
 }  // namespace
 }  // namespace foundation::storage::provider::local

@@ -15,7 +15,6 @@
 #include "conformance/ProviderConformance.h"
 #include "fl/i18n/convert.h"
 #include "storage/provider/memory/MemoryProvider.h"
-#include "support/FakeFolder.h"
 #include "support/InstrumentedProvider.h"
 
 namespace foundation::storage::provider::zip {
@@ -203,32 +202,6 @@ TEST(ZipProvider, ReadsTheContainerOnceAndNoticesItChange) {
     EXPECT_EQ(namesOf(zip->listAll(root)), Names{"one.txt"});
     // A stream opened before keeps its archive.
     EXPECT_EQ(readAll(*open), "1111");
-}
-
-// An archive replaced by a corrupt or a truncated one while polled: the polls go on, report
-// nothing until it reads again, and report the folder vanished only when it is gone.
-TEST(ZipProvider, PollsSurviveTheArchiveDamagedOrRemoved) {
-    using events::Kind;
-    const std::string one = ziptest::ZipBuilder().file("one.txt", "1", Method::Stored).bytes();
-    const auto archive = ziptest::inMemory(one);
-    const auto outer = std::make_shared<testsupport::InstrumentedProvider>(archive.store);
-    fake::Recorder events;
-    const auto zip = std::make_shared<ZipProvider>(StorageItem(outer, archive.container.getLocation()));
-    zip->startChangePollingMechanism(archive.at("/"), events.callback(),
-                                     {Kind::FolderChanged, Kind::FolderVanished, Kind::EntryAdded,
-                                      Kind::EntryModified, Kind::EntryRemoved},
-                                     std::chrono::milliseconds(1), RecursiveChangePolling::NonRecursive);
-    for (const std::string& damaged : {std::string("not a zip archive"), one.substr(0, one.size() / 2)}) {
-        ziptest::put(*archive.store, archive.container.getLocation(), damaged);
-        const int reads = outer->count("doGetFileAttributes");
-        EXPECT_TRUE(fake::eventually([&] { return outer->count("doGetFileAttributes") >= reads + 4; }));
-        EXPECT_EQ(events.take(), std::vector<std::string>{});
-    }
-    ziptest::put(*archive.store, archive.container.getLocation(),
-                 ziptest::ZipBuilder().file("one.txt", "1", Method::Stored).file("two.txt", "2").bytes());
-    EXPECT_EQ(events.waitFor(2), (std::vector<std::string>{"FolderChanged / folder", "EntryAdded /two.txt file"}));
-    archive.store->removeFile(archive.container.getLocation());
-    EXPECT_EQ(events.waitFor(1), std::vector<std::string>{"FolderVanished / folder"});
 }
 
 // a.zip holds b.zip (stored), which holds c.zip (deflated), which holds the files: one
