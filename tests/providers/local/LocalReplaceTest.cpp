@@ -97,33 +97,30 @@ void makeLinkedDoc(const std::string& folder, const char* hops) {
 struct Case {
     const char* name;
     void (*prepare)(const std::string& folder);
-    ErrorCode refused;  // Unknown: the replace succeeds
+    ErrorCode refused = ErrorCode::Unknown;  // Unknown: the replace succeeds
 };
 
 const Case kCases[] = {
-    {"private", [](const std::string& f) { ::chmod((f + "/doc").c_str(), 0600); }, ErrorCode::Unknown},
-    {"script", [](const std::string& f) { ::chmod((f + "/doc").c_str(), 04755); }, ErrorCode::Unknown},
+    {"private", [](const std::string& f) { ::chmod((f + "/doc").c_str(), 0600); }},
+    {"script", [](const std::string& f) { ::chmod((f + "/doc").c_str(), 04755); }},
     {"another owner",
      [](const std::string& f) {
          ::chown((f + "/doc").c_str(), 65534, 65534);
          ::chmod((f + "/doc").c_str(), 0666);  // this process writes it as the others may
-     },
-     ErrorCode::Unknown},
+     }},
     {"attributes and ACL",
      [](const std::string& f) {
          ::setxattr((f + "/doc").c_str(), "user.origin", "mail", 4, 0);
          const std::string acl = aclGrantingNobody();
          ::setxattr((f + "/doc").c_str(), "system.posix_acl_access", acl.data(), acl.size(), 0);
-     },
-     ErrorCode::Unknown},
-    {"symbolic link", [](const std::string& f) { makeLinkedDoc(f, ""); }, ErrorCode::Unknown},
-    {"chain of links", [](const std::string& f) { makeLinkedDoc(f, "ab"); }, ErrorCode::Unknown},
+     }},
+    {"symbolic link", [](const std::string& f) { makeLinkedDoc(f, ""); }},
+    {"chain of links", [](const std::string& f) { makeLinkedDoc(f, "ab"); }},
     {"link to a file not made yet",
      [](const std::string& f) {
          makeLinkedDoc(f, "");
          ::unlink((f + "/real/doc").c_str());
-     },
-     ErrorCode::Unknown},
+     }},
     {"hard link", [](const std::string& f) { ::link((f + "/doc").c_str(), (f + "/twin").c_str()); },
      ErrorCode::UnsupportedOperation},
     {"write-protected", [](const std::string& f) { ::chmod((f + "/doc").c_str(), 0444); },
