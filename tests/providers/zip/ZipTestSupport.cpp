@@ -20,27 +20,7 @@ constexpr std::uint64_t kEndRecordSize = 22;
 
 }  // namespace
 
-ZipBuilder& ZipBuilder::file(const std::string& name, const std::string& content, Method method, std::time_t time) {
-    entries_.push_back({name, content, method, time, false, {}, {}});
-    return *this;
-}
-
-ZipBuilder& ZipBuilder::folder(const std::string& name, std::time_t time) {
-    entries_.push_back({name, "", Method::Stored, time, true, {}, {}});
-    return *this;
-}
-
-ZipBuilder& ZipBuilder::extendedTime(std::time_t time) {
-    entries_.back().extendedTime = time;
-    return *this;
-}
-
-ZipBuilder& ZipBuilder::unixMode(std::uint32_t mode) {
-    entries_.back().unixMode = mode;
-    return *this;
-}
-
-std::string ZipBuilder::bytes() const {
+std::string zipOf(const std::vector<Entry>& entries) {
     zip_error_t error;
     zip_error_init(&error);
     zip_source_t* buffer = zip_source_buffer_create(nullptr, 0, 0, &error);
@@ -48,9 +28,10 @@ std::string ZipBuilder::bytes() const {
     zip_t* archive = zip_open_from_source(buffer, ZIP_TRUNCATE, &error);
     require(archive != nullptr, "cannot start");
     zip_source_keep(buffer);
-    for (const Entry& entry : entries_) {
+    for (const Entry& entry : entries) {
         zip_int64_t index = -1;
-        if (entry.folder) {
+        const bool folder = entry.name.back() == '/';
+        if (folder) {
             index = zip_dir_add(archive, entry.name.c_str(), ZIP_FL_ENC_UTF_8);
         } else {
             zip_source_t* data = zip_source_buffer(archive, entry.content.data(), entry.content.size(), 0);
@@ -60,7 +41,7 @@ std::string ZipBuilder::bytes() const {
         }
         require(index >= 0, std::string("cannot add ") + entry.name + ": " + zip_strerror(archive));
         const auto at = static_cast<zip_uint64_t>(index);
-        require(zip_set_file_compression(archive, at, entry.method == Method::Stored ? ZIP_CM_STORE : ZIP_CM_DEFLATE,
+        require(zip_set_file_compression(archive, at, folder || entry.method == Method::Stored ? ZIP_CM_STORE : ZIP_CM_DEFLATE,
                                          0) == 0,
                 "cannot set the method");
         require(zip_file_set_mtime(archive, at, entry.time, 0) == 0, "cannot set the time");

@@ -22,31 +22,17 @@ constexpr std::time_t kTime = 1'700'000'000;
 
 enum class Method { Stored, Deflated };
 
-// A zip archive written by libzip into memory, entries in the order they were added.
-class ZipBuilder {
-public:
-    ZipBuilder& file(const std::string& name, const std::string& content, Method method = Method::Deflated,
-                     std::time_t time = kTime);
-    // `name` ends with '/'.
-    ZipBuilder& folder(const std::string& name, std::time_t time = kTime);
-    // The last entry added also records `time` in an extended-timestamp field (UTC).
-    ZipBuilder& extendedTime(std::time_t time);
-    // The last entry added records a Unix `mode` (with its file type) in its attributes.
-    ZipBuilder& unixMode(std::uint32_t mode);
-    std::string bytes() const;
-
-private:
-    struct Entry {
-        std::string name;
-        std::string content;
-        Method method;
-        std::time_t time;
-        bool folder;
-        std::optional<std::time_t> extendedTime;
-        std::optional<std::uint32_t> unixMode;
-    };
-    std::vector<Entry> entries_;
+// One entry of a test archive; a name ending in '/' is a folder.
+struct Entry {
+    std::string name;
+    std::string content{};
+    Method method = Method::Deflated;
+    std::time_t time = kTime;
+    std::optional<std::time_t> extendedTime{};  // also in an extended-timestamp field (UTC)
+    std::optional<std::uint32_t> unixMode{};    // a Unix mode, with its file type, in its attributes
 };
+// A zip archive written by libzip into memory, entries in the order given.
+std::string zipOf(const std::vector<Entry>& entries);
 
 // Where the records of a well-formed archive (one disk, no zip64, no comment) lie.
 struct Layout {
