@@ -53,27 +53,6 @@ protected:
     int markers_ = 0;
 };
 
-TEST_F(LocalEventsTest, AWatchEndsWithItsFolderMovedOrRemoved) {
-    makeFolder("a");
-    makeFolder("a/d");
-    EventLog& log = newLog("a");
-    watch("a", log, RecursiveFileWatching::NonRecursive);
-    writeFile(path("a/d/inner"), "i");
-    sync(log, "a");
-    EXPECT_FALSE(log.mentions("d/inner")) << "not recursive";
-    ASSERT_EQ(::rename(path("a").c_str(), path("moved").c_str()), 0);
-    ASSERT_TRUE(log.waitFor("FolderVanished . folder"));
-
-    // The old subscription is gone: the folder may be watched afresh under its new name.
-    EventLog& moved = newLog("moved");
-    watch("moved", moved, RecursiveFileWatching::NonRecursive);
-    writeFile(path("moved/x"), "x");
-    EXPECT_TRUE(moved.waitFor("EntryAdded x file"));
-    provider_->removeFolderRecursively(at("moved"));
-    EXPECT_TRUE(moved.waitFor("EntryRemoved x file"));
-    EXPECT_TRUE(moved.waitFor("FolderVanished . folder"));
-}
-
 TEST_F(LocalEventsTest, RecursiveWatchingFollowsFoldersCreatedLater) {
     makeFolder("w");
     makeFolder("outside");
@@ -100,26 +79,6 @@ TEST_F(LocalEventsTest, RecursiveWatchingFollowsFoldersCreatedLater) {
     writeFile(path("outside/x"), "x");
     sync(log, "w");
     EXPECT_FALSE(log.mentions("link/x"));
-}
-
-TEST_F(LocalEventsTest, PublishesOneFilesChangesUntilStopped) {
-    makeFolder("w");
-    EventLog& log = newLog("w");
-    provider_->publishFileEventsFor(at("w/watched"), log.callback(), kAll);
-    writeFile(path("w/watched"), "1");
-    ASSERT_TRUE(log.waitFor("EntryAdded watched file"));
-    writeFile(path("w/other"), "o");
-    ::unlink(path("w/watched").c_str());
-    ASSERT_TRUE(log.waitFor("EntryRemoved watched file"));
-    EXPECT_FALSE(log.mentions("other"));
-
-    provider_->stopPublishingFileEventsFor(at("w/watched"));
-    EventLog& beacon = newLog("w");
-    watch("w", beacon, RecursiveFileWatching::NonRecursive);
-    const std::size_t before = log.lines().size();
-    writeFile(path("w/watched"), "again");
-    sync(beacon, "w");
-    EXPECT_EQ(log.lines().size(), before) << "nothing after the subscription ended";
 }
 
 // After events were lost every subscription hears of it, whatever kinds it asked for, and a

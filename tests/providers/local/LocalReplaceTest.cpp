@@ -177,10 +177,11 @@ protected:
 };
 
 TEST_F(LocalReplaceTest, KeepsWhatTheUserSetAndMade) {
-    for (const auto& [way, replace] : kWays) {
+    for (const auto& way : kWays) {
+        const Replace& replace = way.second;
         for (const Case& c : kCases) {
-            SCOPED_TRACE(std::string(way) + ", " + c.name);
-            const std::string folder = caseFolder(std::string(way) + "-" + c.name);
+            SCOPED_TRACE(std::string(way.first) + ", " + c.name);
+            const std::string folder = caseFolder(std::string(way.first) + "-" + c.name);
             const std::string doc = folder + "/doc";
             c.prepare(folder);
             const auto type = std::filesystem::symlink_status(doc).type();
