@@ -1,3 +1,6 @@
+// The memory provider: its run of the conformance suite, and what only it shows: write
+// protection of folders, streams that share their file and outlive it.
+
 #include "storage/provider/memory/MemoryProvider.h"
 
 #include <functional>
@@ -6,15 +9,37 @@
 
 #include <gtest/gtest.h>
 
+#include "conformance/ProviderConformance.h"
 #include "fl/i18n/convert.h"
 #include "support/TestIO.h"
 
 namespace foundation::storage::provider::memory {
 namespace {
 
+using conformance::ProviderConformance;
 using testsupport::errorOf;
 using E = ErrorCode;
 using R = ReplacementPolicy;
+
+conformance::ProviderCase memoryProviderCase() {
+    conformance::ProviderCase memoryCase;
+    memoryCase.name = "memory";
+    memoryCase.capabilities.setWritable = true;
+    memoryCase.capabilities.setLastModified = true;
+    memoryCase.makeEmptyProvider = [] {
+        auto provider = makeMemoryProvider();
+        const StorageIRI root(ustring(u"mem:///work"));
+        provider->createFolder(root);
+        return conformance::ProviderUnderTest{provider, root};
+    };
+    memoryCase.makeSameStoreProvider = [](const conformance::ProviderUnderTest& subject) {
+        return makeMemoryProviderOver(dynamic_cast<const MemoryProvider&>(*subject.provider));
+    };
+    return memoryCase;
+}
+
+INSTANTIATE_TEST_SUITE_P(Memory, ProviderConformance, testing::Values(memoryProviderCase()));
+
 
 StorageIRI mem(const std::string& path) { return StorageIRI(fl::i18n::to_ustring("mem://" + path)); }
 
@@ -96,26 +121,6 @@ TEST_F(MemoryProviderTest, StreamsShareTheirFileAndOutliveIt) {
     stream->close();
     EXPECT_THROW(stream->read(&c, 1), ByteStreamFailure);
     EXPECT_THROW(stream->write("x", 1), ByteStreamFailure);
-}
-
-TEST_F(MemoryProviderTest, ListingsAreSortedSnapshots) {
-    put("/b", "bb");
-    provider_->createFolder(mem("/a"));
-    put("/c", "");
-    auto listing = provider_->listAll(MemoryProvider::rootLocation());
-    provider_->removeFile(mem("/b"));
-    EXPECT_EQ(listing->remainingHint(), std::optional<std::size_t>(3));
-    std::vector<std::string> seen;
-    while (listing->hasNext()) {
-        listing->next();
-        const FolderEntry entry = listing->get();
-        seen.push_back(fl::i18n::to_string(entry.getName()));
-        if (entry.isFile()) {
-            EXPECT_EQ(entry.getFileAttributes()->getSize(), entry.getName() == u"b" ? 2U : 0U);
-        }
-    }
-    EXPECT_EQ(seen, (std::vector<std::string>{"a", "b", "c"}));
-    EXPECT_EQ(listing->remainingHint(), std::optional<std::size_t>(0));
 }
 
 }  // namespace
