@@ -1,27 +1,39 @@
 // The local provider on real files: what only a real file system shows (location forms,
 // errno, links and special files, permissions, full and read-only file systems, descriptor
-// limits, other mounts), and its run of the conformance suite.
+// limits, other mounts), and its run of the conformance suite. Atomic replaces keep what the
+// user set and made: permissions, owner, extended attributes and ACLs, symbolic and hard
+// links, write protection. Watching: inotify's own cases (folders created under a watch, lost
+// events, release from a callback) and polls of folders this process cannot always read.
 
 #include "storage/provider/local/LocalProvider.h"
 
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <stdio.h>
+#include <sys/xattr.h>
 
 #include <atomic>
 #include <climits>
+#include <future>
+#include <map>
 #include <set>
 #include <thread>
+#include <tuple>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
+#include "ChangeNotifier.h"
 #include "LocalTestSupport.h"
 #include "conformance/ProviderConformance.h"
+#include "storage/provider/TransactionalStream.h"
+#include "support/AsNobody.h"
+#include "support/FakeFolder.h"
 #include "support/TestIO.h"
 
 namespace {
 std::atomic<bool> hideMountIds{false};
 std::atomic<bool> noExclusiveRenameNorLinks{false};
+std::atomic<bool> failNextFsync{false};
 
 template <class F>
 F* real(const char* name) {
@@ -29,8 +41,9 @@ F* real(const char* name) {
 }
 }  // namespace
 
-// This program's statx(2), link(2) and renameat2(2): when armed, they act as on an older
-// kernel (no mount ids) or a file system without hard links or exclusive renames.
+// This program's statx(2), link(2), renameat2(2) and fsync(2): when armed, they act as on an
+// older kernel (no mount ids), a file system without hard links or exclusive renames, or a
+// disk that lost the data (fsync fails once with EIO).
 extern "C" int statx(int dir, const char* path, int flags, unsigned mask, struct statx* out) noexcept {
     const int result = real<int(int, const char*, int, unsigned, struct statx*)>("statx")(dir, path, flags, mask, out);
     if (result == 0 && hideMountIds) out->stx_mask &= ~STATX_MNT_ID;
@@ -48,6 +61,11 @@ extern "C" int renameat2(int fromDir, const char* from, int toDir, const char* t
     errno = EINVAL;
     return -1;
 }
+extern "C" int fsync(int fd) {
+    if (!failNextFsync.exchange(false)) return real<int(int)>("fsync")(fd);
+    errno = EIO;
+    return -1;
+}
 
 namespace foundation::storage::provider::local {
 namespace {
@@ -57,6 +75,8 @@ using test::writeFile;
 using testsupport::errorOf;
 using Names = std::set<std::string>;
 using conformance::ProviderConformance;
+using events::Kind;
+using test::EventLog;
 
 // The provider over a fresh temporary folder, addressed in one of the two location forms.
 conformance::ProviderCase localCase(const char* name, StorageIRI (*form)(const std::string&)) {
@@ -445,6 +465,399 @@ TEST_F(LocalProviderTest, FlushesOnlyWhatItReaches) {
 TEST(LocalProviderFactory, SharesOneProviderForTheWholeFileSystem) {
     LocalProviderFactory factory;
     EXPECT_EQ(factory.buildProvider(test::pathIRI("/usr")), factory.buildProvider(test::pathIRI("/tmp")));
+}
+
+// What the user set on a file: permission bits, owner, group, extended attributes.
+using Metadata = std::tuple<mode_t, uid_t, gid_t, std::map<std::string, std::string>>;
+
+Metadata metadataOf(const std::string& path) {
+    struct stat st {};
+    EXPECT_EQ(::stat(path.c_str(), &st), 0) << path;
+    Metadata m{st.st_mode & 07777, st.st_uid, st.st_gid, {}};
+    char names[4096];
+    const ssize_t n = ::listxattr(path.c_str(), names, sizeof names);
+    for (ssize_t at = 0; at < n; at += static_cast<ssize_t>(std::strlen(names + at)) + 1) {
+        char value[4096];
+        const ssize_t size = ::getxattr(path.c_str(), names + at, value, sizeof value);
+        std::get<3>(m)[names + at] = std::string(value, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+    }
+    return m;
+}
+
+// A POSIX access ACL in the kernel's format (version 2, then tag, permissions and id per
+// entry): user::rw- user:nobody:r-- group::r-- mask::r-- other::---.
+std::string aclGrantingNobody() {
+    std::string acl;
+    auto add = [&](auto value) { acl.append(reinterpret_cast<const char*>(&value), sizeof value); };
+    add(std::uint32_t{2});
+    for (const auto& [tag, permissions, id] :
+         {std::tuple{1, 6, ~0U}, {2, 4, 65534U}, {4, 4, ~0U}, {0x10, 4, ~0U}, {0x20, 0, ~0U}}) {
+        add(static_cast<std::uint16_t>(tag));
+        add(static_cast<std::uint16_t>(permissions));
+        add(static_cast<std::uint32_t>(id));
+    }
+    return acl;
+}
+
+// Whatever the case needs besides `folder`/doc, which holds "old" with mode 0644.
+void makeLinkedDoc(const std::string& folder, const char* hops) {
+    ::mkdir((folder + "/real").c_str(), 0755);
+    ::rename((folder + "/doc").c_str(), (folder + "/real/doc").c_str());
+    std::string to = "real/doc";
+    for (const char* hop = hops; *hop != '\0'; ++hop) {  // each letter: one more link in the chain
+        const std::string name = std::string("hop-") + *hop;
+        ::symlink(to.c_str(), (folder + "/" + name).c_str());
+        to = name;
+    }
+    ::symlink(to.c_str(), (folder + "/doc").c_str());
+}
+
+struct Case {
+    const char* name;
+    void (*prepare)(const std::string& folder);
+    ErrorCode refused = ErrorCode::Unknown;  // Unknown: the replace succeeds
+};
+
+const Case kCases[] = {
+    {"private", [](const std::string& f) { ::chmod((f + "/doc").c_str(), 0600); }},
+    {"script", [](const std::string& f) { ::chmod((f + "/doc").c_str(), 04755); }},
+    {"another owner",
+     [](const std::string& f) {
+         ::chown((f + "/doc").c_str(), 65534, 65534);
+         ::chmod((f + "/doc").c_str(), 0666);  // this process writes it as the others may
+     }},
+    {"attributes and ACL",
+     [](const std::string& f) {
+         ::setxattr((f + "/doc").c_str(), "user.origin", "mail", 4, 0);
+         const std::string acl = aclGrantingNobody();
+         ::setxattr((f + "/doc").c_str(), "system.posix_acl_access", acl.data(), acl.size(), 0);
+     }},
+    {"symbolic link", [](const std::string& f) { makeLinkedDoc(f, ""); }},
+    {"chain of links", [](const std::string& f) { makeLinkedDoc(f, "ab"); }},
+    {"link to a file not made yet",
+     [](const std::string& f) {
+         makeLinkedDoc(f, "");
+         ::unlink((f + "/real/doc").c_str());
+     }},
+    {"hard link", [](const std::string& f) { ::link((f + "/doc").c_str(), (f + "/twin").c_str()); },
+     ErrorCode::UnsupportedOperation},
+    {"write-protected", [](const std::string& f) { ::chmod((f + "/doc").c_str(), 0444); },
+     ErrorCode::PermissionDenied},
+    {"data lost on the way to the disk", [](const std::string&) { failNextFsync = true; }, ErrorCode::IOError},
+};
+
+// The two atomic replaces: a transactional stream and an atomic copy (of `folder`/new).
+using Replace = std::function<void(const LocalProvider&, const std::string& folder)>;
+const std::pair<const char*, Replace> kWays[] = {
+    {"stream",
+     [](const LocalProvider& provider, const std::string& folder) {
+         auto stream = provider.openTransactionalStream(test::fileIRI(folder + "/doc"), kReplace);
+         stream->write("new", 3);
+         try {
+             stream->close(StreamClosePolicy::Commit);
+         } catch (const Exception&) {
+             // The kernel reports a lost write once: after a failed commit only the abort remains.
+             EXPECT_THROW(stream->close(StreamClosePolicy::Commit), Exception);
+             stream->close(StreamClosePolicy::Abort);
+             throw;
+         }
+     }},
+    {"copy",
+     [](const LocalProvider& provider, const std::string& folder) {
+         provider.copyFileAtomic(test::fileIRI(folder + "/new"), test::fileIRI(folder + "/doc"),
+                                 ReplacementPolicy::Overwrite, {});
+     }},
+};
+
+class LocalReplaceTest : public LocalProviderTest {
+protected:
+    // A fresh folder holding doc ("old", 0644) and new ("new", 0604), for one case.
+    std::string caseFolder(const std::string& name) const {
+        const std::string folder = folder_ / name;
+        ::mkdir(folder.c_str(), 0777);
+        ::chmod(folder.c_str(), 0777);
+        writeFile(folder + "/doc", "old");
+        ::chmod((folder + "/doc").c_str(), 0644);
+        writeFile(folder + "/new", "new");
+        ::chmod((folder + "/new").c_str(), 0604);
+        return folder;
+    }
+
+    // No scratch file left in the folder or in real/.
+    static void expectNoScratch(const std::string& folder) {
+        for (const std::string& where : {folder, folder + "/real"}) {
+            for (const std::string& name : test::namesIn(where)) EXPECT_FALSE(isScratchName(name)) << where;
+        }
+    }
+};
+
+TEST_F(LocalReplaceTest, KeepsWhatTheUserSetAndMade) {
+    for (const auto& way : kWays) {
+        const Replace& replace = way.second;
+        for (const Case& c : kCases) {
+            SCOPED_TRACE(std::string(way.first) + ", " + c.name);
+            const std::string folder = caseFolder(std::string(way.first) + "-" + c.name);
+            const std::string doc = folder + "/doc";
+            c.prepare(folder);
+            const auto type = std::filesystem::symlink_status(doc).type();
+            const bool existed = std::filesystem::exists(doc);
+            const Metadata before = existed ? metadataOf(doc) : Metadata{};
+            if (c.refused != ErrorCode::Unknown) {
+                EXPECT_EQ(errorOf([&] { replace(*provider_, folder); }), c.refused);
+                EXPECT_EQ(readFile(doc), "old");
+                failNextFsync = false;
+                EXPECT_TRUE(!std::filesystem::exists(folder + "/twin") || readFile(folder + "/twin") == "old");
+            } else {
+                try {
+                    replace(*provider_, folder);
+                } catch (const Exception& e) {
+                    ADD_FAILURE() << e.getErrorCode() << ' ' << e.getExceptionContextsString();
+                }
+                EXPECT_EQ(readFile(doc), "new");
+                if (existed) {
+                    EXPECT_EQ(metadataOf(doc), before);
+                }
+            }
+            EXPECT_EQ(std::filesystem::symlink_status(doc).type(), type) << "a link stays a link";
+            expectNoScratch(folder);
+        }
+    }
+}
+
+// As an ordinary user: a write-protected file and a file that another user owns are refused,
+// even where the folder would allow the rename; one's own file is replaced.
+TEST_F(LocalReplaceTest, RefusesWhatAnOrdinaryUserCouldNotWriteInPlace) {
+    ::chmod(folder_.path().c_str(), 0711);
+    const std::tuple<const char*, uid_t, mode_t, const char*> rows[] = {
+        {"own file", 65534, 0644, "done"},
+        {"own write-protected file", 65534, 0444, "ErrorCode::PermissionDenied"},
+        {"root's group-writable file", 0, 0664, "ErrorCode::PermissionDenied"},
+    };
+    for (const auto& [name, owner, mode, expected] : rows) {
+        SCOPED_TRACE(name);
+        const std::string folder = caseFolder(name);
+        ::chown((folder + "/doc").c_str(), owner, 65534);
+        ::chmod((folder + "/doc").c_str(), mode);
+        const auto outcome = testsupport::asNobody([&] {
+            std::ostringstream text;
+            try {
+                kWays[0].second(LocalProvider(), folder);
+                text << "done";
+            } catch (const Exception& e) {
+                text << e.getErrorCode();
+            }
+            return text.str();
+        });
+        if (!outcome) GTEST_SKIP() << "needs root to become nobody";
+        EXPECT_EQ(*outcome, expected);
+        EXPECT_EQ(readFile(folder + "/doc"), outcome == std::string("done") ? "new" : "old");
+        EXPECT_EQ(std::get<1>(metadataOf(folder + "/doc")), owner);
+        expectNoScratch(folder);
+    }
+}
+
+// An interrupted copy or a commit onto what became a folder leaves the old file and no
+// scratch file.
+TEST_F(LocalReplaceTest, ReplacesOnlyOnCommit) {
+    const std::string folder = caseFolder("commit");
+    const StorageIRI doc = test::fileIRI(folder + "/doc");
+    writeFile(folder + "/new", std::string(10 << 20, 'n'));
+    int asked = 0;
+    const auto abort = [&] { return ++asked == 2 ? InterruptSignal::Abort : InterruptSignal::Continue; };
+    EXPECT_EQ(provider_->copyFileAtomic(test::fileIRI(folder + "/new"), doc, ReplacementPolicy::Overwrite, abort),
+              TransactionStatus::Aborted);
+    EXPECT_EQ(asked, 2) << "asked before each further 4 MiB";
+    EXPECT_EQ(readFile(folder + "/doc"), "old");
+
+    auto doomed = provider_->openTransactionalStream(test::fileIRI(folder + "/doomed"), kReplace);
+    ::mkdir((folder + "/doomed").c_str(), 0755);
+    writeFile(folder + "/doomed/occupant", "o");
+    EXPECT_EQ(errorOf([&] { doomed->close(StreamClosePolicy::Commit); }), ErrorCode::InvalidLocation);
+    doomed->close(StreamClosePolicy::Abort);
+    expectNoScratch(folder);
+}
+
+const std::vector<Kind> kAll{Kind::FolderChanged, Kind::FolderVanished, Kind::EntryAdded, Kind::EntryModified,
+                             Kind::EntryRemoved};
+
+class LocalEventsTest : public LocalProviderTest {
+protected:
+    // A log that outlives the provider, whose threads may still publish as a test ends.
+    EventLog& newLog(const std::string& root) {
+        return *logs_.emplace_back(std::make_unique<EventLog>(root.empty() ? folder_.path() : path(root)));
+    }
+    void watch(const std::string& folder, EventLog& log, RecursiveFileWatching recursive) {
+        provider_->publishFolderEventsFor(at(folder), log.callback(), kAll, recursive);
+    }
+
+    // Proves that everything published before it has arrived: notifications come in order,
+    // so once the marker's event is in, an earlier change's event would be too.
+    void sync(EventLog& log, const std::string& folder) {
+        const std::string marker = "marker" + std::to_string(markers_++);
+        writeFile(path(folder + "/" + marker), "m");
+        ASSERT_TRUE(log.waitFor("EntryAdded " + marker + " file")) << marker;
+    }
+
+    std::vector<std::unique_ptr<EventLog>> logs_;
+    int markers_ = 0;
+};
+
+TEST_F(LocalEventsTest, RecursiveWatchingFollowsFoldersCreatedLater) {
+    makeFolder("w");
+    makeFolder("outside");
+    EventLog& log = newLog("w");
+    watch("w", log, RecursiveFileWatching::Recursive);
+
+    // Created faster than a watch can be added: found when the new folder is taken in.
+    makeFolder("w/n");
+    makeFolder("w/n/m");
+    writeFile(path("w/n/m/f"), "f");
+    ASSERT_TRUE(log.waitFor("EntryAdded n/m/f file"));
+    EXPECT_TRUE(log.waitFor("EntryAdded n/m folder"));
+    writeFile(path("w/n/m/g"), "g");
+    EXPECT_TRUE(log.waitFor("EntryModified n/m folder")) << "the subfolder's time changed, as polling would see";
+
+    // A link to a folder elsewhere is an entry, not a way out.
+    ASSERT_EQ(::symlink(path("outside").c_str(), path("w/link").c_str()), 0);
+    EXPECT_TRUE(log.waitFor("EntryAdded link file"));
+    writeFile(path("outside/x"), "x");
+    sync(log, "w");
+    EXPECT_FALSE(log.mentions("link/x"));
+}
+
+// After events were lost every subscription hears of it, whatever kinds it asked for, and a
+// recursive one watches the folders created meanwhile.
+TEST_F(LocalEventsTest, AfterAnOverflowEverySubscriptionHearsAndNewFoldersAreWatched) {
+    makeFolder("gate");
+    makeFolder("w");
+    auto notifier = detail::ChangeNotifier::create();
+    std::promise<void> entered;
+    std::promise<void> open;
+    std::once_flag once;
+    notifier->watchFolder(
+        at("gate"), path("gate"),
+        [&, opened = open.get_future().share()](auto&&...) {
+            std::call_once(once, [&] {
+                entered.set_value();
+                opened.wait();
+            });
+        },
+        {Kind::EntryAdded}, false);
+    EventLog& log = newLog("w");
+    notifier->watchFolder(at("w"), path("w"), log.callback(), {Kind::EntryAdded}, true);
+    notifier->watchFile(at("w/f"), at("w"), path("w"), "f", log.callback(), {Kind::EntryRemoved});
+
+    writeFile(path("gate/x"), "x");
+    entered.get_future().wait();  // the notification thread waits in the gate's callback
+    makeFolder("w/n");
+    makeFolder("w/n/m");
+    notifier->loseNextRead();  // the creations above
+    open.set_value();
+    EXPECT_TRUE(log.waitFor("FolderChanged . folder eventsLost"));
+    EXPECT_TRUE(log.waitFor("EntryModified f file eventsLost"));
+    writeFile(path("w/n/m/g"), "g");
+    EXPECT_TRUE(log.waitFor("EntryAdded n/m/g file"));
+    notifier->shutdown();
+}
+
+// The provider may go inside its own callback on the notification thread, or on another
+// thread while a callback holds it: the thread neither joins itself nor deadlocks.
+TEST_F(LocalEventsTest, ProviderMayGoFromItsNativeCallback) {
+    for (const bool inside : {true, false}) {
+        const std::string folder = inside ? "inside" : "holding";
+        makeFolder(folder);
+        auto owner = std::make_shared<LocalProvider>();
+        const std::weak_ptr<LocalProvider> weak = owner;
+        struct Slot {
+            std::mutex mutex;
+            std::shared_ptr<IProvider> last;
+        };
+        auto slot = std::make_shared<Slot>();
+        auto holding = std::make_shared<std::promise<void>>();
+        auto held = holding->get_future();
+        std::promise<void> released;
+        auto token = std::make_shared<int>(0);  // alive while any copy of the callback is
+        const std::weak_ptr<int> callbackAlive = token;
+        owner->publishFolderEventsFor(
+            at(folder),
+            [inside, slot, holding, weak, token, go = released.get_future().share(),
+             once = std::make_shared<std::once_flag>()](auto&&...) {
+                if (inside) {
+                    std::shared_ptr<IProvider> last;
+                    std::lock_guard lock(slot->mutex);
+                    last.swap(slot->last);
+                } else {
+                    std::call_once(*once, [&] {
+                        if (const auto provider = weak.lock()) {
+                            holding->set_value();
+                            go.wait();
+                        }
+                    });
+                }
+            },
+            {Kind::EntryAdded}, RecursiveFileWatching::NonRecursive);
+        token.reset();
+        if (inside) {
+            std::lock_guard lock(slot->mutex);
+            slot->last = std::move(owner);
+        }
+        writeFile(path(folder + "/x"), "x");
+        if (!inside) {
+            ASSERT_EQ(held.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+            owner.reset();
+            released.set_value();
+        }
+        EXPECT_TRUE(fake::eventually([&] { return weak.expired() && callbackAlive.expired(); },
+                                     std::chrono::seconds(60)))
+            << folder;
+    }
+}
+
+// A folder whose listing fails (EACCES on the watched folder or on a subfolder of a recursive
+// poll, EMFILE for want of a descriptor) is skipped and polled again: what lies beneath is
+// never reported removed, and a change made meanwhile is reported once it reads again.
+TEST_F(LocalEventsTest, PollingSkipsWhatItCannotReadUntilItCan) {
+    if (!test::permissionsBind()) GTEST_SKIP() << "this process bypasses file permissions";
+    makeFolder("locked");
+    makeFolder("locked/sub");
+    makeFolder("beat");
+    writeFile(path("locked/inside"), "i");
+    writeFile(path("locked/sub/deep"), "d");
+    EventLog& log = newLog("");
+    const auto period = std::chrono::milliseconds(5);
+    provider_->startChangePollingMechanism(at("locked"), log.callback(), kAll, period,
+                                           RecursiveChangePolling::Recursive);
+    // Polled by stat(2) alone, which needs no descriptor: each FolderChanged proves a pass.
+    provider_->startChangePollingMechanism(at("beat"), log.callback(), {Kind::FolderChanged}, period,
+                                           RecursiveChangePolling::NonRecursive);
+    int beats = 0;
+    auto twoPasses = [&] {
+        for (int i = 0; i < 2; ++i) {
+            const struct timespec times[2] = {{0, UTIME_OMIT}, {1000000000 + ++beats, 0}};
+            ASSERT_EQ(::utimensat(AT_FDCWD, path("beat").c_str(), times, 0), 0);
+            ASSERT_TRUE(log.waitUntil([&](const std::vector<std::string>& lines) {
+                return std::count(lines.begin(), lines.end(), "FolderChanged beat folder") == beats;
+            }));
+        }
+    };
+    for (const char* folder : {"locked", "locked/sub"}) {
+        ASSERT_EQ(::chmod(path(folder).c_str(), 0), 0);
+        twoPasses();
+        ASSERT_EQ(::chmod(path(folder).c_str(), 0755), 0);
+    }
+    test::withDescriptorLimit(test::lowestFreeDescriptor(), twoPasses);
+    EXPECT_FALSE(log.mentions("locked")) << testing::PrintToString(log.lines());
+
+    ASSERT_EQ(::chmod(path("locked/sub").c_str(), 0300), 0);  // written, not listed
+    // A pass that opened the folder before the chmod could still list the new file.
+    twoPasses();
+    writeFile(path("locked/sub/new"), "n");
+    twoPasses();
+    EXPECT_FALSE(log.mentions("locked")) << testing::PrintToString(log.lines());
+    ASSERT_EQ(::chmod(path("locked/sub").c_str(), 0755), 0);
+    EXPECT_TRUE(log.waitFor("EntryAdded locked/sub/new file"));
+    EXPECT_FALSE(log.mentions("Removed"));
+    EXPECT_FALSE(log.mentions("Vanished"));
 }
 
 }  // namespace
