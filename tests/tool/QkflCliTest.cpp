@@ -148,10 +148,7 @@ const std::vector<CommandLine> kCommandLines = {
     {{"watch", "--kinds", "added,exploded", "."}, 2, "", "qkfl: watch: --kinds: unknown kind 'exploded'"},
     // Failures: the location, the code and a reason in words; nothing changes.
     {{"cat", "missing.txt"}, 1, "", "qkfl: cat: $F/missing.txt: ErrorCode::ResourceNotFound: no such file or folder"},
-    {{"cat", "sub"}, 1, "", "qkfl: cat: $F/sub: ErrorCode::InvalidLocation: is a folder"},
     {{"cat", "file://host/x"}, 1, "", "~x: ErrorCode::InvalidLocation: names the host 'host': write file:///PATH"},
-    {{"mkdir", "sub"}, 1, "", "qkfl: mkdir: $F/sub: ErrorCode::ResourceAlreadyExists: already exists"},
-    {{"rm", "sub"}, 1, "", "qkfl: rm: $F/sub: ErrorCode::FolderNotEmpty: the folder is not empty"},
     {{"cp", "-n", "a.txt", "sub/b.txt"}, 1, "", "qkfl: cp: $F/sub/b.txt: ErrorCode::ResourceAlreadyExists: already exists"},
     {{"cp", "sub", "copy"}, 1, "", "qkfl: cp: $F/sub: ErrorCode::InvalidLocation: is a folder: cp copies files"},
     {{"cp", "a.txt", "."}, 1, "", "qkfl: cp: $F/a.txt: ErrorCode::InvalidLocation: is the source itself"},
@@ -160,16 +157,13 @@ const std::vector<CommandLine> kCommandLines = {
     {{"ls", "http://example.com/"}, 1, "", "~ErrorCode::InvalidLocation: no provider for the scheme 'http'"},
     {{"ls", "zip:a.zip"}, 1, "", "~qkfl: ls: zip:a.zip: ErrorCode::InvalidLocation: cannot parse it as an IRI: "},
     {{"watch", "--native", "mem:///"}, 1, "", "~UnsupportedOperation: no native change events here (use --poll MS)"},
-    {{"stat", "sub/b.txt"}, 0, "~\nsize:      4 (4 B)\n", ""},
     // Local paths are literal; 'ls' prints names that paste back in the form given.
     {{"ls", "."}, 0, "a.txt\nbin\nlink\nr#2\nsub/\nz/\n", ""},
     {{"ls", "$F"}, 0, "a.txt\nbin\nlink\nr%232\nsub/\nz/\n", ""},
     {{"cat", "r#2"}, 0, "hash", ""},
-    {{"cat", "$F/r%232"}, 0, "hash", ""},
     {{"cp", "a.txt", "a:b"}, 0, "", ""},
     {{"cat", "$D/a:b"}, 0, "alpha", ""},
     {{"ls", "-l", "link"}, 0, "~lw-            5 ", ""},
-    {{"ls", "-l", "a.txt"}, 0, "~-w-            5 ", ""},
     {{"cat", "bin"}, 0, std::string("\0\xff\n\r\x7f end", 9), ""},
     // The commands, through paths and IRIs.
     {{"ls", "-R", "--match", "*.txt", "sub"}, 0, "b.txt\n", ""},

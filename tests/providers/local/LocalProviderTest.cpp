@@ -386,9 +386,6 @@ TEST_F(LocalProviderTest, OtherFileSystemsBelow) {
     hideMountIds = false;
     EXPECT_EQ(readFile(path("other/fs/kept")), "k");
 
-    const ProviderStorageInfo info = provider_->getProviderStorageInfo(at("small"));
-    EXPECT_EQ(info.getStorageCapacity(), 64U * 1024);
-    EXPECT_LE(info.getSpaceOccupied(), 8U * 1024);
 
     // Moves across file systems keep mode, time and links.
     writeFile(path("file"), "content");
@@ -846,14 +843,14 @@ TEST_F(LocalEventsTest, PollingSkipsWhatItCannotReadUntilItCan) {
         ASSERT_EQ(::chmod(path(folder).c_str(), 0755), 0);
     }
     test::withDescriptorLimit(test::lowestFreeDescriptor(), twoPasses);
-    EXPECT_FALSE(log.mentions("locked")) << testing::PrintToString(log.lines());
+    EXPECT_FALSE(log.mentions("locked"));
 
     ASSERT_EQ(::chmod(path("locked/sub").c_str(), 0300), 0);  // written, not listed
     // A pass that opened the folder before the chmod could still list the new file.
     twoPasses();
     writeFile(path("locked/sub/new"), "n");
     twoPasses();
-    EXPECT_FALSE(log.mentions("locked")) << testing::PrintToString(log.lines());
+    EXPECT_FALSE(log.mentions("locked"));
     ASSERT_EQ(::chmod(path("locked/sub").c_str(), 0755), 0);
     EXPECT_TRUE(log.waitFor("EntryAdded locked/sub/new file"));
     EXPECT_FALSE(log.mentions("Removed"));

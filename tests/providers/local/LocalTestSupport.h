@@ -188,10 +188,6 @@ public:
         std::lock_guard lock(mutex_);
         return std::any_of(lines_.begin(), lines_.end(), [&](const auto& l) { return l.find(text) != l.npos; });
     }
-    std::vector<std::string> lines() const {
-        std::lock_guard lock(mutex_);
-        return lines_;
-    }
 
 private:
     std::string root_;

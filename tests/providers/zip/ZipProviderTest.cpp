@@ -222,10 +222,57 @@ TEST(ZipNesting, RefusesArchivesNestedTooDeep) {
     expectError(ErrorCode::InvalidLocation, anywhere, [&] { tooDeep->fileExists(anywhere); });
 }
 
+// Where the records of a well-formed archive (one disk, no zip64, no comment) lie.
+struct Layout {
+    std::uint64_t directoryOffset;
+    std::uint64_t directorySize;
+    std::uint64_t endRecord;                      // offset of the end of central directory record
+    std::vector<std::uint64_t> directoryEntries;  // offset of each central directory record
+    std::vector<std::uint64_t> localHeaders;      // offset of each local header
+};
+
+std::uint64_t getLittle(const std::string& bytes, std::uint64_t offset, int width) {
+    std::uint64_t value = 0;
+    for (int i = width - 1; i >= 0; --i) value = value << 8 | static_cast<unsigned char>(bytes.at(offset + i));
+    return value;
+}
+
+Layout layoutOf(const std::string& archive) {
+    Layout layout{};
+    layout.endRecord = archive.size() - 22;  // no comment
+    layout.directorySize = getLittle(archive, layout.endRecord + 12, 4);
+    layout.directoryOffset = getLittle(archive, layout.endRecord + 16, 4);
+    std::uint64_t at = layout.directoryOffset;
+    for (std::uint64_t i = getLittle(archive, layout.endRecord + 10, 2); i > 0; --i) {
+        layout.directoryEntries.push_back(at);
+        layout.localHeaders.push_back(getLittle(archive, at + 42, 4));
+        at += 46 + getLittle(archive, at + 28, 2) + getLittle(archive, at + 30, 2) + getLittle(archive, at + 32, 2);
+    }
+    return layout;
+}
+
+// A field of entry `entry` set to `value` in both of its records: `width` bytes at `central` in
+// its central directory record and at `local` in its local header.
+std::string withField(std::string archive, std::size_t entry, int central, int local, int width,
+                      std::uint64_t value) {
+    const Layout layout = layoutOf(archive);
+    ziptest::putLittle(archive, layout.directoryEntries.at(entry) + central, width, value);
+    ziptest::putLittle(archive, layout.localHeaders.at(entry) + local, width, value);
+    return archive;
+}
+
+// Replaces the bytes `from` by `to` (same length) wherever they occur.
+std::string replaced(std::string archive, const std::string& from, const std::string& to) {
+    for (std::size_t at = archive.find(from); at != std::string::npos; at = archive.find(from, at + to.size())) {
+        archive.replace(at, from.size(), to);
+    }
+    return archive;
+}
+
 // The archive with its central directory record of entry 0 repeated `copies` times, so that
 // every copy names the same data.
 std::string withRepeatedEntry(const std::string& archive, std::size_t copies) {
-    const ziptest::Layout layout = ziptest::layoutOf(archive);
+    const Layout layout = layoutOf(archive);
     const std::uint64_t first = layout.directoryEntries.at(0);
     const std::string record = archive.substr(first, layout.directoryEntries.at(1) - first);
     std::string out = archive.substr(0, layout.directoryOffset);
@@ -240,7 +287,7 @@ std::string withRepeatedEntry(const std::string& archive, std::size_t copies) {
 // The archive re-ended with zip64 end records that declare `entries` entries in its directory
 // (which still holds what it held).
 std::string withZip64Count(const std::string& archive, std::uint64_t entries) {
-    const ziptest::Layout layout = ziptest::layoutOf(archive);
+    const Layout layout = layoutOf(archive);
     std::string end64(56, '\0');
     end64.replace(0, 4, "PK\6\6");
     for (const auto& [offset, width, value] :
@@ -272,7 +319,7 @@ std::string reasonOf(const std::function<void()>& action) {
 
 TEST(ZipSafety, EntryNamesStayInsideTheArchiveAndTheFirstClaimWins) {
     // libzip refuses to write one name twice: the second name is patched afterwards.
-    const auto archive = ziptest::inMemory(ziptest::replaced(
+    const auto archive = ziptest::inMemory(replaced(
         ziptest::zipOf({{"../../escape.txt"}, {"/etc/absolute.txt"}, {"win\\dows\\path.txt", "backslashes"},
                         {"a/./b/../c.txt"}, {".."}, {"C:/drive.txt"}, {"same.txt", "first"}, {"sam#.txt", "second"},
                         {"x"}, {"x/under.txt"}, {"y/"}, {"y"}}),
@@ -305,10 +352,10 @@ TEST(ZipSafety, NamesCostTheirLengthAndNoMore) {
 
 TEST(ZipSafety, RefusesImplausibleArchives) {
     const std::string plain = ziptest::zipOf({{"a.txt", ziptest::pattern(100000)}, {"b.txt", "bee"}});
-    const auto compressed = ziptest::getLittle(plain, ziptest::layoutOf(plain).directoryEntries[0] + 20, 4);
+    const auto compressed = getLittle(plain, layoutOf(plain).directoryEntries[0] + 20, 4);
     const std::string stored = ziptest::zipOf({{"a.txt", "abc", Method::Stored}});
     const std::string implied = ziptest::zipOf({{"a.txt", "a"}, {"b/c/d/e.txt", "e"}});
-    auto sized = [](const std::string& bytes, std::uint64_t size) { return ziptest::withField(bytes, 0, 24, 22, 4, size); };
+    auto sized = [](const std::string& bytes, std::uint64_t size) { return withField(bytes, 0, 24, 22, 4, size); };
     const struct {
         const char* what;
         std::string bytes;
@@ -367,17 +414,17 @@ TEST(ZipSafety, EntriesThatBreakTheirDeclarations) {
     const auto intact = ziptest::inMemory(plain);
     EXPECT_EQ(readAll(*intact.provider, intact.at("/zeros.bin")).size(), 10U << 20) << "a legitimately high ratio";
     std::string flipped = plain;  // a byte of stored data, which the CRC catches
-    const std::uint64_t header = ziptest::layoutOf(plain).localHeaders[1];
-    const std::uint64_t data = header + 30 + ziptest::getLittle(plain, header + 26, 2) + ziptest::getLittle(plain, header + 28, 2);
+    const std::uint64_t header = layoutOf(plain).localHeaders[1];
+    const std::uint64_t data = header + 30 + getLittle(plain, header + 26, 2) + getLittle(plain, header + 28, 2);
     flipped[data + 100] = static_cast<char>(flipped[data + 100] ^ 1);
     const std::tuple<const char*, std::string, ErrorCode, std::string> rows[] = {
-        {"/a.txt", ziptest::withField(plain, 0, 24, 22, 4, 19000), ErrorCode::IOError, ""},  // longer than declared
-        {"/a.txt", ziptest::withField(plain, 0, 24, 22, 4, 21000), ErrorCode::IOError, ""},  // shorter
-        {"/b.txt", ziptest::withField(plain, 1, 24, 22, 4, 19000), ErrorCode::IOError, ""},
+        {"/a.txt", withField(plain, 0, 24, 22, 4, 19000), ErrorCode::IOError, ""},  // longer than declared
+        {"/a.txt", withField(plain, 0, 24, 22, 4, 21000), ErrorCode::IOError, ""},  // shorter
+        {"/b.txt", withField(plain, 1, 24, 22, 4, 19000), ErrorCode::IOError, ""},
         {"/b.txt", flipped, ErrorCode::IOError, ""},
-        {"/a.txt", ziptest::withField(plain, 0, 8, 6, 2, 1), ErrorCode::UnsupportedOperation,
+        {"/a.txt", withField(plain, 0, 8, 6, 2, 1), ErrorCode::UnsupportedOperation,
          "the entry is encrypted"},
-        {"/a.txt", ziptest::withField(plain, 0, 10, 8, 2, 97), ErrorCode::UnsupportedOperation, ""},  // method 97
+        {"/a.txt", withField(plain, 0, 10, 8, 2, 97), ErrorCode::UnsupportedOperation, ""},  // method 97
     };
     for (const auto& [name, bytes, code, reason] : rows) {
         const auto archive = ziptest::inMemory(bytes);

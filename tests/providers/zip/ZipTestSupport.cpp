@@ -16,8 +16,6 @@ void require(bool condition, const std::string& what) {
     if (!condition) throw std::runtime_error("test archive: " + what);
 }
 
-constexpr std::uint64_t kEndRecordSize = 22;
-
 }  // namespace
 
 std::string zipOf(const std::vector<Entry>& entries) {
@@ -41,9 +39,8 @@ std::string zipOf(const std::vector<Entry>& entries) {
         }
         require(index >= 0, std::string("cannot add ") + entry.name + ": " + zip_strerror(archive));
         const auto at = static_cast<zip_uint64_t>(index);
-        require(zip_set_file_compression(archive, at, folder || entry.method == Method::Stored ? ZIP_CM_STORE : ZIP_CM_DEFLATE,
-                                         0) == 0,
-                "cannot set the method");
+        const zip_int32_t method = folder || entry.method == Method::Stored ? ZIP_CM_STORE : ZIP_CM_DEFLATE;
+        require(zip_set_file_compression(archive, at, method, 0) == 0, "cannot set the method");
         require(zip_file_set_mtime(archive, at, entry.time, 0) == 0, "cannot set the time");
         if (entry.extendedTime) {
             std::string field(5, '\1');  // flags: modification time only, then the time
@@ -71,47 +68,8 @@ std::string zipOf(const std::vector<Entry>& entries) {
     return out;
 }
 
-std::uint64_t getLittle(const std::string& bytes, std::uint64_t offset, int width) {
-    std::uint64_t value = 0;
-    for (int i = width - 1; i >= 0; --i) value = value << 8 | static_cast<unsigned char>(bytes.at(offset + i));
-    return value;
-}
-
 void putLittle(std::string& bytes, std::uint64_t offset, int width, std::uint64_t value) {
     for (int i = 0; i < width; ++i) bytes.at(offset + i) = static_cast<char>(value >> (8 * i) & 0xFF);
-}
-
-Layout layoutOf(const std::string& archive) {
-    Layout layout{};
-    require(archive.size() >= kEndRecordSize, "too short");
-    layout.endRecord = archive.size() - kEndRecordSize;
-    require(archive.compare(layout.endRecord, 4, "PK\5\6") == 0, "no end record at the end");
-    layout.directorySize = getLittle(archive, layout.endRecord + 12, 4);
-    layout.directoryOffset = getLittle(archive, layout.endRecord + 16, 4);
-    std::uint64_t at = layout.directoryOffset;
-    for (std::uint64_t i = getLittle(archive, layout.endRecord + 10, 2); i > 0; --i) {
-        require(archive.compare(at, 4, "PK\1\2") == 0, "no directory record");
-        layout.directoryEntries.push_back(at);
-        layout.localHeaders.push_back(getLittle(archive, at + 42, 4));
-        at += 46 + getLittle(archive, at + 28, 2) + getLittle(archive, at + 30, 2) + getLittle(archive, at + 32, 2);
-    }
-    return layout;
-}
-
-std::string withField(std::string archive, std::size_t entry, int central, int local, int width,
-                      std::uint64_t value) {
-    const Layout layout = layoutOf(archive);
-    putLittle(archive, layout.directoryEntries.at(entry) + central, width, value);
-    putLittle(archive, layout.localHeaders.at(entry) + local, width, value);
-    return archive;
-}
-
-std::string replaced(std::string archive, const std::string& from, const std::string& to) {
-    require(from.size() == to.size(), "replacement of another length");
-    for (std::size_t at = archive.find(from); at != std::string::npos; at = archive.find(from, at + to.size())) {
-        archive.replace(at, from.size(), to);
-    }
-    return archive;
 }
 
 StorageIRI zipLocation(const StorageIRI& inner, const std::string& path) {

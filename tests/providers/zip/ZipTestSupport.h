@@ -34,25 +34,8 @@ struct Entry {
 // A zip archive written by libzip into memory, entries in the order given.
 std::string zipOf(const std::vector<Entry>& entries);
 
-// Where the records of a well-formed archive (one disk, no zip64, no comment) lie.
-struct Layout {
-    std::uint64_t directoryOffset;
-    std::uint64_t directorySize;
-    std::uint64_t endRecord;                      // offset of the end of central directory record
-    std::vector<std::uint64_t> directoryEntries;  // offset of each central directory record
-    std::vector<std::uint64_t> localHeaders;      // offset of each local header
-};
-Layout layoutOf(const std::string& archive);
-
-std::uint64_t getLittle(const std::string& bytes, std::uint64_t offset, int width);
+// Writes `value` as `width` little-endian bytes at `offset`.
 void putLittle(std::string& bytes, std::uint64_t offset, int width, std::uint64_t value);
-
-// A field of entry `entry` set to `value` in both of its records: `width` bytes at `central` in
-// its central directory record and at `local` in its local header.
-std::string withField(std::string archive, std::size_t entry, int central, int local, int width,
-                      std::uint64_t value);
-// Replaces the bytes `from` by `to` (same length) wherever they occur.
-std::string replaced(std::string archive, const std::string& from, const std::string& to);
 
 using testsupport::namesOf;
 using testsupport::pattern;
