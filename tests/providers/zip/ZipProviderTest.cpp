@@ -87,7 +87,6 @@ TEST(ZipProvider, ReadsWhatZipToolsRecord) {
               boost::posix_time::from_time_t(older + 2));
     EXPECT_EQ(attributes("/top.bin").getSize(), 1000U) << "the size, not the compressed size";
     EXPECT_TRUE(attributes("/link").isSymlink());
-    EXPECT_FALSE(attributes("/dos.txt").isSymlink());
     // A folder without an entry of its own carries the container's time.
     EXPECT_EQ(zip.getFolderAttributes(archive.at("/docs")).getLastModified(),
               archive.container.getFileAttributes().getLastModified());
@@ -144,10 +143,6 @@ TEST(ZipProvider, ReadsTheContainerOnceAndNoticesItChange) {
     auto open = zip->openReadOnlyStream(ziptest::zipLocation(file, "/one.txt"));
     for (int i = 0; i < 3; ++i) EXPECT_EQ(namesOf(zip->listAll(root)), Names{"one.txt"});
     EXPECT_EQ(outer->count("doOpenReadOnlyStream"), 1) << "one opening serves every operation";
-    // Invalidating an unrelated location keeps what the provider holds.
-    invalidateProvider(StorageItem(zip, StorageIRI(u"zip:mem:///else.zip!/one.txt")));
-    zip->exists(ziptest::zipLocation(file, "/one.txt"));
-    EXPECT_EQ(outer->count("doOpenReadOnlyStream"), 1);
 
     // Rewritten: a new time, so the next operation reopens it.
     ziptest::put(*store, file, second);
@@ -307,16 +302,6 @@ std::string withZip64Count(const std::string& archive, std::uint64_t entries) {
     return archive.substr(0, layout.endRecord) + end64 + locator + endRecord;
 }
 
-// The reason in the contexts of the Exception that `action` throws.
-std::string reasonOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const Exception& e) {
-        return fl::i18n::to_string(e.getExceptionContextsString());
-    }
-    return "no failure";
-}
-
 TEST(ZipSafety, EntryNamesStayInsideTheArchiveAndTheFirstClaimWins) {
     // libzip refuses to write one name twice: the second name is patched afterwards.
     const auto archive = ziptest::inMemory(replaced(
@@ -361,9 +346,8 @@ TEST(ZipSafety, RefusesImplausibleArchives) {
         std::string bytes;
         ZipLimits limits;
         bool refused;
-        const char* reason = nullptr;
     } rows[] = {
-        {"text", ziptest::pattern(3000), {}, true, "not a zip archive"},
+        {"text", ziptest::pattern(3000), {}, true},
         {"plain", plain, {}, false},
         {"a size beyond what deflate reaches", sized(plain, compressed * 2000), {}, true},
         {"a size deflate reaches", sized(plain, compressed * 1000), {}, false},
@@ -382,9 +366,6 @@ TEST(ZipSafety, RefusesImplausibleArchives) {
         const ZipProvider zip(archive.container, row.limits);
         if (row.refused) {
             expectError(ErrorCode::IOError, archive.at("/"), [&] { zip.listAll(archive.at("/")); });
-            if (row.reason) {
-                EXPECT_EQ(reasonOf([&] { zip.listAll(archive.at("/")); }), row.reason);
-            }
         } else {
             EXPECT_EQ(zip.exists(archive.at("/a.txt")), ExistenceType::AsFile) << row.what;
         }
