@@ -135,6 +135,7 @@ TEST_F(LocalProviderTest, ReportsFailuresWithTheLocationConcerned) {
     for (const StorageIRI& foreign : {StorageIRI(u"mem://" + inside), StorageIRI(u"file://elsewhere" + inside)}) {
         testsupport::expectError(ErrorCode::InvalidLocation, foreign, [&] { provider_->createFile(foreign); });
     }
+    EXPECT_TRUE(provider_->fileExists(StorageIRI(u"file://localhost" + fl::i18n::to_ustring(path("a.txt")))));
     const LocalProvider& local = *provider_;
     const auto over = ReplacementPolicy::Overwrite;
     const ChangeEventCallback none = [](auto&&...) {};
@@ -652,11 +653,13 @@ protected:
     std::vector<std::unique_ptr<EventLog>> logs_;
 };
 
-TEST_F(LocalEventsTest, RecursiveWatchingFollowsFoldersCreatedLater) {
+TEST_F(LocalEventsTest, RecursiveWatchingFollowsFoldersCreatedLaterUntilItsFolderGoes) {
     makeFolder("w");
     makeFolder("outside");
     EventLog& log = newLog("w");
     provider_->publishFolderEventsFor(at("w"), log.callback(), kAll, RecursiveFileWatching::Recursive);
+    EventLog& file = newLog("w");  // one file's watch in the same folder
+    provider_->publishFileEventsFor(at("w/watched"), file.callback(), kAll);
 
     // Created faster than a watch can be added: found when the new folder is taken in.
     makeFolder("w/n");
@@ -675,6 +678,14 @@ TEST_F(LocalEventsTest, RecursiveWatchingFollowsFoldersCreatedLater) {
     writeFile(path("w/marker"), "m");
     ASSERT_TRUE(log.waitFor("EntryAdded marker file"));
     EXPECT_FALSE(log.mentions("link/x"));
+
+    writeFile(path("w/watched"), "1");
+    ASSERT_TRUE(file.waitFor("EntryAdded watched file"));
+    EXPECT_FALSE(file.mentions("marker")) << "a file's watch hears of that file alone";
+    // Both watches end with their folder.
+    ASSERT_EQ(::rename(path("w").c_str(), path("moved").c_str()), 0);
+    EXPECT_TRUE(log.waitFor("FolderVanished . folder"));
+    EXPECT_TRUE(file.waitFor("FolderVanished . folder"));
 }
 
 // After events were lost every subscription hears of it, whatever kinds it asked for, and a
