@@ -112,7 +112,6 @@ TEST(IRI, BuildsFromArgs) {
 TEST(IRIReference, Resolves) {
     const std::tuple<std::string, std::string, std::string> rows[] = {
         {"", "http://a/b?q#f", "http://a/b?q"},
-        {"../../../g", kBase, "http://a/g"},
         {"../../x", "a/b", "x"},
         {"../x%2Fy/%2E%2E/z", "http://a/b/c", "http://a/x%2Fy/%2E%2E/z"},
         {"zip:file:///a/../b.zip!/c/../d", "http://a/b", "zip:file:///a/../b.zip!/c/../d"},

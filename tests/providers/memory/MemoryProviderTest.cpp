@@ -57,7 +57,8 @@ protected:
 };
 
 // A file or folder made not writable refuses every change to it (a folder: to its entries'
-// names), and the root cannot go anywhere; each refusal leaves the store as it was.
+// names), the root cannot go anywhere, another store's location is no place here; each
+// refusal leaves the store as it was.
 TEST_F(MemoryProviderTest, RefusesWhatItCannotDo) {
     put("/d/locked", "keep");
     put("/d/other", "other");
@@ -81,6 +82,7 @@ TEST_F(MemoryProviderTest, RefusesWhatItCannotDo) {
         {E::FolderNotEmpty, [&] { provider_->moveFolder(mem("/a"), mem("/full"), R::Clobber); }},
         {E::ResourceAlreadyExists, [&] { provider_->moveFile(mem("/full/f"), mem("/full/f"), R::Preserve); }},
         {E::ResourceNotFound, [&] { provider_->setWritable(mem("/none"), true); }},
+        {E::InvalidLocation, [&] { provider_->createFile(StorageIRI(u"mem://elsewhere/f")); }},
     };
     for (std::size_t i = 0; i < rows.size(); ++i) EXPECT_EQ(errorOf(rows[i].second), rows[i].first) << "row " << i + 1;
     EXPECT_EQ(get("/d/locked"), "keep");
