@@ -20,7 +20,7 @@ namespace {
 
 using conformance::ProviderConformance;
 using test::TestServer;
-using testsupport::put;
+using namespace testsupport;
 
 // What a PROPFIND finds: the root folder and '/f.txt', a file of 3 bytes, named by full URLs.
 const std::string kMultistatus =
@@ -86,7 +86,8 @@ std::string outcomeOf(const StorageIRI& file, const std::string& settings, const
         if (operation == "exists") return provider.fileExists(file) ? "a file" : "nothing";
         if (operation == "read") return testsupport::readAll(provider, file);
         if (operation == "write") put(provider, file, "abc");
-        if (operation == "write 5000") put(provider, file, std::string(5000, 'b'));
+        if (operation.starts_with("write ")) put(provider, file, pattern(std::stoul(operation.substr(6))));
+        if (operation.ends_with(", read")) return readAll(provider, file) == pattern(300000) ? "same" : "changed";
         if (operation == "remove") provider.removeFile(file);
     } catch (const Exception& e) {
         EXPECT_EQ(e.getStorageIRI(), file) << operation;
@@ -122,6 +123,7 @@ TEST(DavFaults, RetriesCredentialsAndRefusals) {
         {"404", remote, u + " plainCredentials=1", "exists", "PROPFIND+auth -> nothing"},
         {"302 404", remote, u + " plainCredentials=1", "exists", "PROPFIND+auth PROPFIND -> nothing"},
         {"Apache", "/small/f.txt", "", "write 5000", "-> FileTooLarge"},
+        {"Apache", "/open/long.bin", "", "write 300000, read", "-> same"},
         {"Apache", "/auth/f.txt", "user=tester password=secret", "write", "-> "},
         {"Apache", "/auth/f.txt", "user=tester password=wrong", "exists", "-> PermissionDenied"},
         {"Apache", "/auth/f.txt", "", "exists", "-> PermissionDenied"},

@@ -25,9 +25,7 @@ namespace fs = std::filesystem;
 
 int loopbackSocket(int& port) {
     const int s = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
     socklen_t length = sizeof address;
     ::bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address);
     ::getsockname(s, reinterpret_cast<sockaddr*>(&address), &length);

@@ -30,10 +30,11 @@ class Session;
 // - file identity (extensions::IFileIdentity): a file is its server (scheme, host and port,
 //   the default port spelled out) and its decoded path with '.' and '..' resolved, whatever
 //   the user, so a copy onto another spelling of its own source is refused.
-// - reading: GET with Range, through a read-ahead buffer that grows while reads are
-//   sequential; a seek starts a new range. A server that ignores Range (200) is handled, and
-//   a 416 at or past the end is the end of the file. A file whose entity tag changes while it
-//   is read fails the read with IOError.
+// - reading: GET with Range, through a read-ahead buffer; reads that go on past a range
+//   continue through one open-ended GET for as long as they stay sequential; a seek starts
+//   a new range. A server that ignores Range (200) is handled, and a 416 at or past the end
+//   is the end of the file. A file whose entity tag changes while it is read fails the read
+//   with IOError.
 // - writing: a stream opened for writing works on a local temporary file (holding the old
 //   content unless truncated) and uploads it when closed: PUT to a hidden scratch name beside
 //   the target, MOVE over the target with "Overwrite: T", then a check of the size. The
