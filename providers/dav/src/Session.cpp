@@ -261,6 +261,28 @@ void Session::release(std::unique_ptr<Handle> handle) const {
     idle_.push_back(std::move(handle));
 }
 
+namespace {
+constexpr auto kFolderMemory = std::chrono::seconds(3);
+constexpr std::size_t kFoldersRemembered = 256;
+}  // namespace
+
+bool Session::folderSeen(const std::string& path) const {
+    std::lock_guard lock(mutex_);
+    const auto found = seenFolders_.find(path);
+    return found != seenFolders_.end() && std::chrono::steady_clock::now() - found->second < kFolderMemory;
+}
+
+void Session::sawFolder(const std::string& path) const {
+    std::lock_guard lock(mutex_);
+    if (seenFolders_.size() >= kFoldersRemembered) seenFolders_.clear();
+    seenFolders_[path] = std::chrono::steady_clock::now();
+}
+
+void Session::forgetFolders() const {
+    std::lock_guard lock(mutex_);
+    seenFolders_.clear();
+}
+
 std::string Session::urlOf(const std::string& path, bool folder) const {
     std::string url = origin_ + encodePath(path);
     if (folder && url.back() != '/') url += '/';

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -129,6 +131,12 @@ public:
         return scheme_ + "://" + host_ + ":" + (port_.empty() ? (scheme_ == "https" ? "443" : "80") : port_);
     }
 
+    // Folders this provider found lately (for a few seconds), so that writing many files into
+    // one folder looks at it once; its own removals and moves of folders forget them all.
+    bool folderSeen(const std::string& path) const;
+    void sawFolder(const std::string& path) const;
+    void forgetFolders() const;
+
     // Requests sent (every attempt) and response body bytes received, since construction.
     mutable std::atomic<std::uint64_t> requestsSent{0};
     mutable std::atomic<std::uint64_t> bytesReceived{0};
@@ -155,6 +163,7 @@ private:
     mutable std::mutex mutex_;
     Settings settings_;
     mutable std::vector<std::unique_ptr<Handle>> idle_;
+    mutable std::map<std::string, std::chrono::steady_clock::time_point> seenFolders_;
 };
 
 // The ErrorCode of a failed response.

@@ -42,7 +42,11 @@ class Session;
 //   content and the scratch file is removed, unless the server went away between the PUT and
 //   the MOVE: then the hidden scratch file (isScratchName) stays until someone removes it.
 //   A stream destroyed unclosed uploads too, and swallows a failure; after a close whose
-//   upload failed, only another close() tries again (destruction does not).
+//   upload failed, only another close() tries again (destruction does not). A transactional
+//   stream is the same temporary file: its commit uploads, its abort sends nothing. Opening
+//   looks at the target, and at its folder at most once every few seconds: a folder another
+//   client removes meanwhile fails the upload (ResourceNotFound) rather than the open. So a
+//   write takes four requests.
 // - folders by MKCOL after a look at the name (some servers answer success for a folder
 //   that exists), removal by DELETE (a folder only after a listing found it empty, so
 //   another client's file added in between is removed with it), moves and copies by MOVE
@@ -118,6 +122,8 @@ protected:
     std::unique_ptr<ByteStream> doOpenStream(const StorageIRI& location,
                                              const ByteStreamOpenOptions& options) const override;
     std::unique_ptr<ByteStream> doOpenReadOnlyStream(const StorageIRI& location) const override;
+    std::unique_ptr<TransactionalStream> doOpenTransactionalStream(const StorageIRI& location,
+                                                                   const ByteStreamOpenOptions& options) const override;
     std::unique_ptr<IFolderEntryIterator> doList(const StorageIRI& folder, ListingRequest request) const override;
     void doCopyFile(const StorageIRI& from, const StorageIRI& to, const ReplacementPolicy& policy) const override;
     bool doHasFeature(const ExtendedFeature& feature) const override;
