@@ -62,12 +62,10 @@ std::string seenBy(const std::string& script, const std::function<std::string()>
     std::vector<std::string> answers{std::istream_iterator<std::string>(words), {}};
     int port = 0;
     const int listening = test::loopbackSocket(port);
-    ::listen(listening, 8);
     std::string seen;
     std::thread server([&] {
-        for (int connection; (connection = ::accept(listening, nullptr, nullptr)) >= 0; ::close(connection)) {
+        for (int connection; (connection = ::accept(listening, nullptr, nullptr)) >= 0; ::close(connection))
             seen += answer(connection, answers);
-        }
     });
     ::setenv("http_proxy", ("http://127.0.0.1:" + std::to_string(port)).c_str(), 1);
     const std::string outcome = client();
@@ -78,14 +76,16 @@ std::string seenBy(const std::string& script, const std::function<std::string()>
     return seen + "-> " + outcome;
 }
 
-// What `operation` on `file` gives: what was found or read, or the code of the error, which names `file`.
+// What `operation` on `file` gives: what was found or read, or the code of the error, which names `file`;
+// for "qkfl <arguments>", the tool's exit status.
 std::string outcomeOf(const StorageIRI& file, const std::string& settings, const std::string& operation) {
     DavProvider provider(file);
     provider.configure(test::configuration(settings));
+    const std::string tool = QKFL_TOOL_PATH + operation.substr(4) + " " + fl::i18n::to_string(file.toString());
+    if (operation.starts_with("qkfl")) return std::to_string(WEXITSTATUS(std::system((tool + " >/dev/null").c_str())));
     try {
         if (operation == "exists") return provider.fileExists(file) ? "a file" : "nothing";
         if (operation == "read") return testsupport::readAll(provider, file);
-        if (operation == "write") put(provider, file, "abc");
         if (operation.starts_with("write ")) put(provider, file, pattern(std::stoul(operation.substr(6))));
         if (operation.ends_with(", read")) return readAll(provider, file) == pattern(300000) ? "same" : "changed";
         if (operation == "remove") provider.removeFile(file);
@@ -116,20 +116,22 @@ TEST(DavFaults, RetriesCredentialsAndRefusals) {
         {"207 drop cut 200", local, "", "read", "PROPFIND GET GET GET -> abc"},
         {"207 cut", local, "retries=0", "read", "PROPFIND GET -> IOError"},
         {"207 416", local, "", "read", "PROPFIND GET -> "},
-        {"207 207 503 201 201 207", local, "", "write", "PROPFIND PROPFIND PUT PUT MOVE PROPFIND -> "},
-        {"207 207 201 503 404 207", local, "", "write", "PROPFIND PROPFIND PUT MOVE DELETE PROPFIND -> IOError"},
+        {"207 207 503 201 201 207", local, "", "write 3", "PROPFIND PROPFIND PUT PUT MOVE PROPFIND -> "},
+        {"207 207 201 503 404 207", local, "", "write 3", "PROPFIND PROPFIND PUT MOVE DELETE PROPFIND -> IOError"},
         {"207 503", local, "", "remove", "PROPFIND DELETE -> IOError"},
         {"404", remote, u, "exists", "PROPFIND -> nothing"},
         {"404", remote, u + " plainCredentials=1", "exists", "PROPFIND+auth -> nothing"},
         {"302 404", remote, u + " plainCredentials=1", "exists", "PROPFIND+auth PROPFIND -> nothing"},
         {"Apache", "/small/f.txt", "", "write 5000", "-> FileTooLarge"},
         {"Apache", "/open/long.bin", "", "write 300000, read", "-> same"},
-        {"Apache", "/auth/f.txt", "user=tester password=secret", "write", "-> "},
+        {"Apache", "/auth/f.txt", "user=tester password=secret", "write 3", "-> "},
         {"Apache", "/auth/f.txt", "user=tester password=wrong", "exists", "-> PermissionDenied"},
         {"Apache", "/auth/f.txt", "", "exists", "-> PermissionDenied"},
         {"ApacheTls", "/open/f.txt", "", "exists", "-> IOError"},
         {"ApacheTls", "/open/f.txt", "caFile", "exists", "-> nothing"},
         {"ApacheTls", "/open/f.txt", "verifyTls=false", "exists", "-> nothing"},
+        {"ApacheTls", "/open/", "", "qkfl ls", "-> 1"},
+        {"ApacheTls", "/open/", "", "qkfl --insecure ls", "-> 0"},
     };
     for (const auto& [server, location, settings, operation, expected] : cases) {
         if (server.starts_with("Apache")) {
