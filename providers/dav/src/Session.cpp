@@ -516,7 +516,9 @@ std::unique_ptr<Download> Session::download(const Request& request) const {
     CURL* curl = state->handle->curl;
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, Download::State::onBody);
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, state.get());
-    curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, 256L * 1024);
+    // Four times libcurl's default: fewer calls, and still small enough to stay in the cache
+    // while its bytes are copied on (larger measured slower).
+    curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, 64L * 1024);
     state->multi = curl_multi_init();
     if (!state->multi) throw std::bad_alloc();
     curl_multi_add_handle(state->multi, curl);
