@@ -9,6 +9,7 @@
 #include <sstream>
 #include <thread>
 
+#include <boost/date_time/posix_time/conversion.hpp>
 #include <gtest/gtest.h>
 
 #include "DavTestSupport.h"
@@ -36,21 +37,18 @@ const std::string kMultistatus =
 std::string answer(int connection, std::vector<std::string>& answers) {
     std::string request;
     char buffer[4096];
-    for (long n; request.find("\r\n\r\n") == std::string::npos && (n = ::recv(connection, buffer, 4096, 0)) > 0;) {
+    for (long n; request.find("\r\n\r\n") == std::string::npos && (n = ::recv(connection, buffer, 4096, 0)) > 0;)
         request.append(buffer, static_cast<std::size_t>(n));
-    }
     const std::string answer = answers.front();
     if (answers.size() > 1) answers.erase(answers.begin());
-    while (answer == "silent" && ::recv(connection, buffer, sizeof buffer, 0) > 0) {
-    }
+    while (answer == "silent" && ::recv(connection, buffer, sizeof buffer, 0) > 0) continue;
     const std::string status = answer == "cut" ? "200" : answer;
     const std::string body = status == "207" ? kMultistatus : status == "200" ? "abc" : "";
     const std::string reply = "HTTP/1.1 " + status +
                               " X\r\nConnection: close\r\nLocation: http://other.invalid/f.txt\r\n" +
                               "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
-    if (answer != "drop" && answer != "silent") {
+    if (answer != "drop" && answer != "silent")
         ::send(connection, reply.data(), reply.size() - (answer == "cut" ? 2 : 0), MSG_NOSIGNAL);
-    }
     return request.substr(0, request.find(' ')) +
            (request.find("\nAuthorization:") != std::string::npos ? "+auth " : " ");
 }
@@ -87,6 +85,8 @@ std::string outcomeOf(const StorageIRI& file, const std::string& settings, const
         if (operation == "exists") return provider.fileExists(file) ? "a file" : "nothing";
         if (operation == "read") return testsupport::readAll(provider, file);
         if (operation.starts_with("write ")) put(provider, file, pattern(std::stoul(operation.substr(6))));
+        if (operation.ends_with(", age"))  // in whole hours, as the server reports it
+            return std::to_string((::time({}) - to_time_t(provider.getFileAttributes(file).getLastModified())) / 3600);
         if (operation.ends_with(", read")) return readAll(provider, file) == pattern(300000) ? "same" : "changed";
         if (operation == "remove") provider.removeFile(file);
     } catch (const Exception& e) {
@@ -124,6 +124,7 @@ TEST(DavFaults, RetriesCredentialsAndRefusals) {
         {"302 404", remote, u + " plainCredentials=1", "exists", "PROPFIND+auth PROPFIND -> nothing"},
         {"Apache", "/small/f.txt", "", "write 5000", "-> FileTooLarge"},
         {"Apache", "/open/long.bin", "", "write 300000, read", "-> same"},
+        {"Apache", "/open/new.txt", "", "write 3, age", "-> 0"},
         {"Apache", "/auth/f.txt", "user=tester password=secret", "write 3", "-> "},
         {"Apache", "/auth/f.txt", "user=tester password=wrong", "exists", "-> PermissionDenied"},
         {"Apache", "/auth/f.txt", "", "exists", "-> PermissionDenied"},
@@ -160,8 +161,7 @@ TEST(DavFaults, ServerGoneBeforeTheUploadKeepsTheTarget) {
     server.start();
     stream.reset();
     EXPECT_EQ(testsupport::readAll(*provider, file), "old");
-    EXPECT_EQ(testsupport::namesOf(provider->listAll(file.getParent())), std::vector<std::string>{"kept.txt"})
-        << "no scratch file stays on the server";
+    EXPECT_EQ(namesOf(provider->listAll(file.getParent())), std::vector<std::string>{"kept.txt"});  // no scratch left
 }
 
 TEST(DavProvider, NamesNeedingEscapesRoundTrip) {
