@@ -142,7 +142,8 @@ TEST(DavFaults, RetriesCredentialsAndRefusals) {
             EXPECT_EQ("-> " + outcomeOf(apache.at(location), given, operation), expected) << server << " " << settings;
         } else {
             const StorageIRI file(fl::i18n::to_ustring("dav://" + location));
-            EXPECT_EQ(seenBy(server, [&] { return outcomeOf(file, settings, operation); }), expected)
+            // Named again: clang 14 cannot capture a structured binding.
+            EXPECT_EQ(seenBy(server, [&, &s = settings, &o = operation] { return outcomeOf(file, s, o); }), expected)
                 << server << " " << settings;
         }
     }
