@@ -47,7 +47,7 @@ TEST(PathConversions, CanonicalizedLocationsResolveTheVolume) {
         failures.emplace_back(u"/root/x", ErrorCode::PermissionDenied);
     }
     for (const auto& [path, code] : failures) {
-        const auto failure = testsupport::failureOf([&] { toCanonicalizedStorageIRI(u"file", basic_path(path)); });
+        const auto failure = testsupport::failureOf([&p = path] { toCanonicalizedStorageIRI(u"file", basic_path(p)); });
         EXPECT_EQ(failure.code, code) << utf8(path);
         EXPECT_EQ(failure.location.value_or(StorageIRI(u"x:/")).getPath(), path) << utf8(path);
     }

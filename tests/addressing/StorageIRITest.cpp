@@ -118,7 +118,7 @@ TEST(StorageIRI, MalformedTextRaisesTheDocumentedFailures) {
                             "'. Containers nest at most 32 levels deep."},
     };
     for (const auto& [text, message] : rows) {
-        expectThrow<ParseFailure>([&] { StorageIRI{text}; }, message);
+        expectThrow<ParseFailure>([&t = text] { StorageIRI{t}; }, message);
     }
     // The deepest allowed nesting parses, by either parser.
     EXPECT_EQ(StorageIRI(nested(32)), StorageIRI(foundation::network::IRI(nested(32))));
