@@ -14,30 +14,8 @@ namespace {
 
 using namespace foundation::storage::provider;
 using fl::filesystem::basic_path;
-using foundation::network::IRI;
-using detail::canonicalize;
 using qkfl::test::expectThrow;
 using qkfl::test::utf8;
-
-// Exactly one trailing '/' goes, from a path longer than "/" and from an IRI's decoded path
-// (an escaped '/' too), leaving the other escapes and components as they are.
-TEST(PathConversions, CanonicalPathsAndIRIs) {
-    const std::pair<ustring, ustring> paths[] = {
-        {u"/", u"/"}, {u"/a//", u"/a/"}, {u"a/", u"a"},
-    };
-    for (const auto& [path, canonical] : paths) {
-        EXPECT_EQ(canonicalize(path), canonical) << utf8(path);
-    }
-    const std::pair<ustring, ustring> iris[] = {
-        {u"file:///a/", u"file:///a"},
-        {u"file:///a%20b/?q#f", u"file:///a%20b?q#f"},
-        {u"file:///x%2F", u"file:///x"},
-        {u"zip:file:///c.zip!/b/?x", u"zip:file:///c.zip!/b?x"},
-    };
-    for (const auto& [text, canonical] : iris) {
-        EXPECT_EQ(canonicalize(IRI(text)).toString(), canonical) << utf8(text);
-    }
-}
 
 TEST(PathConversions, FileSystemPathsToLocations) {
     const std::pair<ustring, ustring> rows[] = {

@@ -4,7 +4,6 @@
 #include <stdexcept>
 #include <vector>
 
-#include <boost/functional/hash.hpp>
 #include <gtest/gtest.h>
 
 #include "foundation/core/except/Exception.h"
@@ -18,8 +17,6 @@ using ParseFailure = foundation::core::except::detail::AnonymousInternalExceptio
 using Path = fl::filesystem::basic_path;
 using qkfl::test::expectThrow;
 using qkfl::test::utf8;
-
-std::size_t asciiHash(const ustring& ascii) { return boost::hash_range(ascii.begin(), ascii.end()); }
 
 // A file 'levels' containers deep: 's:s:file:///a!/b!/b'.
 ustring nested(std::size_t levels) {
@@ -56,58 +53,6 @@ TEST(StorageIRI, ParsesText) {
         EXPECT_EQ(iri.isOpaque(), !row.inner.empty()) << where;
         EXPECT_EQ(row.inner.empty() ? iri.getHost() : iri.getInnerIRI().toString(), row.host + row.inner) << where;
         EXPECT_EQ(StorageIRI(iri.toString()), iri) << where;
-    }
-}
-
-// Equality takes one and three or more '/' as the same empty authority; order and hash take
-// the text as it is. The path form orders by element: '/a/b' before '/a.b'.
-TEST(StorageIRI, EqualityIsLooserThanOrdering) {
-    const std::tuple<ustring, ustring, bool> rows[] = {
-        {u"s:/x", u"s:///x", true},
-        {u"s://x", u"s:///x", false},
-        {u"ab:///x", u"ac:///x", false},
-        {u"s:///x", u"s:///xy", false},
-    };
-    for (const auto& [a, b, equal] : rows) {
-        EXPECT_EQ(StorageIRI(a) == StorageIRI(b), equal) << utf8(a) << " vs " << utf8(b);
-        EXPECT_EQ(StorageIRI(b) != StorageIRI(a), !equal) << utf8(a) << " vs " << utf8(b);
-    }
-    const StorageIRI three(u"s:///x");
-    const StorageIRI four(u"s:////x");
-    EXPECT_TRUE(three == four && four < three && !(three < four) && !(three < three));
-    EXPECT_NE(three.hashValue(), four.hashValue());
-    auto at = [](const ustring& path) { return StorageIRI(u"file", Path(path)); };
-    EXPECT_TRUE(at(u"/a/b") < at(u"/a.b") && StorageIRI(u"file:///a.b") < at(u"/a/b"));
-}
-
-// A child location keeps only its text until asked for more: it compares, hashes and answers
-// as the location parsed from that text, whichever is asked first. Names are decoded text:
-// escapes and delimiters in them stay part of the name.
-TEST(StorageIRI, ChildLocationsAreTheirText) {
-    const std::tuple<ustring, ustring, ustring> rows[] = {
-        {u"file:///a/b", u"/", u"file:///"},
-        {u"file:///a/b", u"//a//", u"file:///a//"},
-        {u"file:///a/", u"c/", u"file:///a/c"},
-        {u"http://user@host:8080/p?q=1#f", u"r s", u"http://user@host:8080/p/r%20s?q=1#f"},
-        {u"zip:file:///c.zip!/", u"b", u"zip:file:///c.zip!/b"},
-        {u"file:///a", u"50% off?#[1]", u"file:///a/50%25%20off%3F%23%5B1%5D"},
-        {u"file:///caf%C3%A9", u"日本 é/./x", u"file:///café/日本%20é/./x"},
-        {u"file:///a", u"b\xDCE9", u"file:///a/b%E9"},  // a byte that was not UTF-8 is that byte
-    };
-    for (const auto& [base, relative, text] : rows) {
-        const std::string where = utf8(base) + " + " + utf8(relative);
-        const StorageIRI parsed(text);
-        const StorageIRI fresh(StorageIRI(base), relative);
-        EXPECT_EQ(fresh.hashValue(), asciiHash(parsed.toAsciiString())) << where;
-        EXPECT_TRUE(fresh == parsed && parsed == fresh && !(fresh < parsed) && !(parsed < fresh)) << where;
-        const StorageIRI child(StorageIRI(base), relative);
-        EXPECT_EQ(child.toString(), text) << where;
-        EXPECT_EQ(child.getPath(), parsed.getPath()) << where;
-        EXPECT_EQ(child.getName(), parsed.getName()) << where;
-        if (parsed.hasParent()) {
-            EXPECT_EQ(child.getParent().toString(), parsed.getParent().toString()) << where;
-        }
-        EXPECT_EQ(StorageIRI(child, u"z").toString(), StorageIRI(parsed, u"z").toString()) << where;
     }
 }
 
@@ -190,24 +135,11 @@ TEST(StorageIRI, MalformedTextRaisesTheDocumentedFailures) {
         "StorageIRI s:file:///x.zip!/z is container based so by definition has no host.");
 }
 
-// A container's path is escaped in its text ('!' too, since the last '!' splits the text) and
-// parses back to the same path.
-TEST(StorageIRI, ContainerBuiltFromPartsParsesBack) {
+// A container built from parts escapes '!' in its path (the last '!' splits the text) and
+// refuses a relative path and a nesting deeper than allowed.
+TEST(StorageIRI, ContainerBuiltFromParts) {
     const StorageIRI inner(u"file", Path(u"/my archive.zip"));
-    const std::pair<ustring, ustring> rows[] = {
-        {u"/", u"zip:file:///my%20archive.zip!/"},
-        {u"/x!/y", u"zip:file:///my%20archive.zip!/x%21/y"},
-        {u"/100% sure?#", u"zip:file:///my%20archive.zip!/100%25%20sure%3F%23"},
-        {u"/%41/日本", u"zip:file:///my%20archive.zip!/%2541/日本"},
-    };
-    for (const auto& [path, text] : rows) {
-        const StorageIRI built(u"zip", inner, path);
-        EXPECT_EQ(built.toString(), text) << utf8(path);
-        const StorageIRI parsed(built.toAsciiString());
-        EXPECT_EQ(parsed.getPath(), path) << utf8(path);
-        EXPECT_EQ(parsed.getInnerIRI(), inner) << utf8(path);
-        EXPECT_TRUE(parsed == built && parsed.hashValue() == built.hashValue()) << utf8(path);
-    }
+    EXPECT_EQ(StorageIRI(u"zip", inner, u"/x!/y").toString(), u"zip:file:///my%20archive.zip!/x%21/y");
     EXPECT_EQ(StorageIRI(u"zip", inner, u"/a!/b").getParent().getPath(), u"/a!/");
     expectThrow<ParseFailure>([&] { StorageIRI(u"zip", inner, u"a"); },
                               "Invalid container-style storage IRI 'zip:file:///my%20archive.zip!a'. Path should "

@@ -40,18 +40,13 @@ StorageIRI ProviderConformance::at(const std::string& relative) const {
 }
 
 void ProviderConformance::write(const std::string& relative, const std::string& content) const {
-    auto stream = provider().openStream(at(relative), ByteStreamOpenOptions{ByteStreamAccess::WriteOnly,
-                                                                            ByteStreamCreate::Create,
-                                                                            ByteStreamTruncate::TruncateExisting,
-                                                                            ByteStreamAppend::Overwrite});
-    testsupport::writeAll(*stream, content);
-    stream->close();
+    testsupport::put(provider(), at(relative), content);
 }
 
 Tree ProviderConformance::snapshot() const {
     Tree tree;
     std::function<void(const std::string&)> walk = [&](const std::string& folder) {
-        for (const std::string& name : entries(provider().listAll(at(folder)))) {
+        for (const std::string& name : entrySet(provider().listAll(at(folder)))) {
             const std::string path = folder + name;
             tree[path] = name.back() == '/' ? "" : read(path);
             if (name.back() == '/') walk(path);

@@ -27,6 +27,7 @@
 
 namespace foundation::storage::provider::conformance {
 
+using testsupport::entrySet;
 using testsupport::errorOf;
 using testsupport::expectError;
 
@@ -98,10 +99,6 @@ protected:
     std::string read(const std::string& relative) const { return testsupport::readAll(provider(), at(relative)); }
     // Creates or replaces a file through openStream and closes the stream.
     void write(const std::string& relative, const std::string& content) const;
-    // The entries a listing yields: name, then "/" for a folder.
-    static std::set<std::string> entries(std::unique_ptr<IFolderEntryIterator> listing) {
-        return testsupport::entrySet(std::move(listing));
-    }
     // Everything below the working folder, as a Tree, walked with listAll and read.
     Tree snapshot() const;
     // Runs every row; each must throw as it says.

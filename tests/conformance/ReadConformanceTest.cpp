@@ -72,17 +72,17 @@ TEST_P(ProviderConformance, ReadListings) {
     const IProvider& p = provider();
     const StorageIRI root = at("");
     const Names all{"a.txt", "empty.bin", "emptyfolder/", "sub/"};
-    EXPECT_EQ(entries(p.listAll(root)), all);
-    EXPECT_EQ(entries(p.listFiles(root)), (Names{"a.txt", "empty.bin"}));
-    EXPECT_EQ(entries(p.listFolders(root)), (Names{"emptyfolder/", "sub/"}));
-    EXPECT_EQ(entries(p.listAllNamesOnly(root)), all);
-    EXPECT_EQ(entries(p.listFilesNamesOnly(root)), (Names{"a.txt", "empty.bin"}));
-    EXPECT_EQ(entries(p.listFoldersNamesOnly(root)), (Names{"emptyfolder/", "sub/"}));
-    EXPECT_EQ(entries(p.listAll(at("sub"))), (Names{"b.txt", "deeper/"}));
+    EXPECT_EQ(entrySet(p.listAll(root)), all);
+    EXPECT_EQ(entrySet(p.listFiles(root)), (Names{"a.txt", "empty.bin"}));
+    EXPECT_EQ(entrySet(p.listFolders(root)), (Names{"emptyfolder/", "sub/"}));
+    EXPECT_EQ(entrySet(p.listAllNamesOnly(root)), all);
+    EXPECT_EQ(entrySet(p.listFilesNamesOnly(root)), (Names{"a.txt", "empty.bin"}));
+    EXPECT_EQ(entrySet(p.listFoldersNamesOnly(root)), (Names{"emptyfolder/", "sub/"}));
+    EXPECT_EQ(entrySet(p.listAll(at("sub"))), (Names{"b.txt", "deeper/"}));
     EXPECT_FALSE(p.listAll(at("emptyfolder"))->hasNext());
 
     const auto matching = [&](std::unique_ptr<IFolderEntryIterator> listing, const Names& expected) {
-        const Names listed = entries(std::move(listing));
+        const Names listed = entrySet(std::move(listing));
         if (can().wildcardFiltering) {
             EXPECT_EQ(listed, expected);
             return;
@@ -110,13 +110,13 @@ TEST_P(ProviderConformance, ReadListings) {
 
     if (!can().recursiveListing) return;
     const Names below{"b.txt", "deeper/", "deeper/c.txt"};
-    EXPECT_EQ(entries(p.listAllRecursive(at("sub"))), below);
-    EXPECT_EQ(entries(p.listAllRecursiveNamesOnly(at("sub"))), below);
+    EXPECT_EQ(entrySet(p.listAllRecursive(at("sub"))), below);
+    EXPECT_EQ(entrySet(p.listAllRecursiveNamesOnly(at("sub"))), below);
     // Every entry of the tree, whichever folder the walk leaves and comes back to.
     const Names tree{"a.txt", "empty.bin", "emptyfolder/", "sub/", "sub/b.txt", "sub/deeper/", "sub/deeper/c.txt"};
-    EXPECT_EQ(entries(p.listAllRecursive(root)), tree);
+    EXPECT_EQ(entrySet(p.listAllRecursive(root)), tree);
     const Names texts{"a.txt", "sub/b.txt", "sub/deeper/c.txt"};  // a pattern matches the last element
-    EXPECT_EQ(entries(p.listAllRecursiveNamesOnly(root, u"*.txt")), can().wildcardFiltering ? texts : tree);
+    EXPECT_EQ(entrySet(p.listAllRecursiveNamesOnly(root, u"*.txt")), can().wildcardFiltering ? texts : tree);
 }
 
 TEST_P(ProviderConformance, ReadStreams) {

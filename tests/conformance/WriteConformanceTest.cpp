@@ -135,7 +135,8 @@ TEST_P(ProviderConformance, WriteChangesInTurn) {
         changes[i].first();
         for (const auto& [path, content] : changes[i].second) {
             if (content == "-") {
-                std::erase_if(expected, [&path](const auto& entry) { return entry.first.starts_with(path); });
+                const std::string& gone = path;
+                std::erase_if(expected, [&gone](const auto& entry) { return entry.first.starts_with(gone); });
                 continue;
             }
             expected[path] = content;

@@ -39,23 +39,6 @@ TEST(Exception, EachTypeDescribesItselfAndTravelsAsItself) {
     expectDescribed(ChangeEventsSubscriptionException(kLocation), "ChangeEventsSubscriptionException", u"");
 }
 
-TEST(Exception, ContextStackTopIsTheFront) {
-    const Exception e(ErrorCode::IOError, kLocation);
-    EXPECT_FALSE(e.topExceptionContext().has_value());
-    e.popExceptionContext();
-    addExceptionContext(addExceptionContext(e, u"c"), u"b");
-    e.pushExceptionContext(ExceptionContext(u"a"));
-    EXPECT_EQ(e.topExceptionContext()->getExceptionContextKey(), u"a");
-    EXPECT_EQ(e.getExceptionContextsString(), u"a:b:c");
-    e.popExceptionContext();
-    EXPECT_EQ(e.getExceptionContextsString(), u"b:c");
-
-    // An empty key still takes a place; contexts never reach the description.
-    e.pushExceptionContext(ExceptionContext(u""));
-    EXPECT_EQ(e.getExceptionContextsString(), u":b:c");
-    EXPECT_EQ(e.ToUstringImpl(), Exception(ErrorCode::IOError, kLocation).ToUstringImpl());
-}
-
 // Copies, clones and assigned exceptions own their contexts and payload records, so that one
 // may travel to another thread while the original changes or goes.
 TEST(Exception, CopiesOwnTheirContextsAndPayload) {

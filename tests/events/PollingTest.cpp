@@ -69,20 +69,9 @@ public:
     void failListingAt(int ordinal, ErrorCode code = ErrorCode::IOError) {
         plan_->arm(FaultPlan::Fault{"next", ordinal, testsupport::FaultKind::Exception, code});
     }
-    bool namesOnly = false;  // list names only, so that a poller watching times must ask the getters
-
     int listings() const { return seen_->count("doListAll"); }
-    int fileAttributeCalls() const { return seen_->count("doGetFileAttributes"); }
-    int ownAttributeCalls() const {
-        return seen_->count("doGetFolderAttributes " + fl::i18n::to_string(location_.getPath()));
-    }
-    int entryFolderAttributeCalls() const { return seen_->count("doGetFolderAttributes") - ownAttributeCalls(); }
-
     SingleFolderChangePoller::EntryIteratorGetter iteratorGetter() {
-        return [this](StorageIRI f) -> std::unique_ptr<IFolderEntryIterator> {
-            if (!namesOnly) return seen_->listAll(f);
-            return std::make_unique<NamesOnly>(seen_->listAll(f));
-        };
+        return [this](StorageIRI f) { return seen_->listAll(f); };
     }
     SingleFolderChangePoller::FileAttributesGetter fileAttributesGetter() {
         return [this](StorageIRI l) { return seen_->getFileAttributes(l); };
@@ -98,20 +87,6 @@ public:
     }
 
 private:
-    // A listing's entries by name and type alone.
-    struct NamesOnly : IFolderEntryIterator {
-        explicit NamesOnly(std::unique_ptr<IFolderEntryIterator> listing) : inner(std::move(listing)) {}
-        FolderEntry get() const override {
-            const FolderEntry entry = inner->get();
-            return FolderEntry(entry.getName(), entry.isFile() ? FolderEntry::EntryType::File
-                                                               : FolderEntry::EntryType::Folder);
-        }
-        bool hasNext() override { return inner->hasNext(); }
-        void next() override { inner->next(); }
-        std::optional<std::size_t> remainingHint() const override { return inner->remainingHint(); }
-        std::unique_ptr<IFolderEntryIterator> inner;
-    };
-
     const StorageIRI location_;
     std::shared_ptr<IProvider> store_ = memory::makeMemoryProvider();
     std::shared_ptr<FaultPlan> plan_ = std::make_shared<FaultPlan>();
@@ -151,28 +126,6 @@ TEST(SingleFolderChangePoller, ListsOnlyWhenTheKindsNeedIt) {
     }
 }
 
-TEST(SingleFolderChangePoller, FetchesAttributesOnlyForEntryModifiedAndOnlyWhenNotListed) {
-    for (const bool namesOnly : {false, true}) {
-        Folder folder;
-        folder.namesOnly = namesOnly;
-        folder.put(u"a", kFile, 1);
-        folder.put(u"d", kFolder, 2);
-        Recorder events(folder.location());
-        auto added = folder.poller(events.callback(), {Kind::EntryAdded, Kind::EntryRemoved});
-        auto modified = folder.poller(events.callback(), {Kind::EntryModified});
-        added->buildInitialSnapshot();
-        EXPECT_EQ(folder.fileAttributeCalls() + folder.entryFolderAttributeCalls(), 0);
-        modified->buildInitialSnapshot();
-        folder.put(u"a", kFile, 10);
-        folder.put(u"d", kFolder, 20);
-        added->checkForChanges();
-        modified->checkForChanges();
-        EXPECT_EQ(events.take(), (Events{"EntryModified /w/a file", "EntryModified /w/d folder"}));
-        EXPECT_EQ(folder.fileAttributeCalls(), namesOnly ? 2 : 0) << namesOnly;
-        EXPECT_EQ(folder.entryFolderAttributeCalls(), namesOnly ? 2 : 0) << namesOnly;
-    }
-}
-
 TEST(SingleFolderChangePoller, ComparesNamesAndTimesOnly) {
     // Kinds, a change made between two polls (an entry removed, one put), and what the second
     // poll publishes.
@@ -202,23 +155,6 @@ TEST(SingleFolderChangePoller, ComparesNamesAndTimesOnly) {
         poller->checkForChanges();
         EXPECT_EQ(events.take(), row.published) << "row " << &row - rows;
     }
-
-    // The snapshot follows the listing whatever is published: entries first seen unpublished
-    // are remembered, removed ones forgotten.
-    Folder folder;
-    Recorder events(folder.location());
-    auto remembers = folder.poller(events.callback(), {Kind::EntryModified, Kind::EntryRemoved});
-    auto forgets = folder.poller(events.callback(), {Kind::EntryAdded});
-    remembers->buildInitialSnapshot();
-    folder.put(u"n", kFile, 1);
-    remembers->checkForChanges();
-    forgets->buildInitialSnapshot();
-    folder.remove(u"n");
-    forgets->checkForChanges();
-    folder.put(u"n", kFile, 2);
-    remembers->checkForChanges();
-    forgets->checkForChanges();
-    EXPECT_EQ(events.take(), (Events{"EntryModified /w/n file", "EntryAdded /w/n file"}));
 }
 
 TEST(SingleFolderChangePoller, ReportsAVanishedFolderOnceAndThenStops) {

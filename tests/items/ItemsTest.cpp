@@ -13,14 +13,12 @@
 
 #include "fl/i18n/convert.h"
 #include "storage/provider/Extensions.h"
-#include "support/InstrumentedProvider.h"
 #include "support/StubProvider.h"
 
 namespace foundation::storage::provider {
 namespace {
 
 using boost::property_tree::ptree;
-using testsupport::InstrumentedProvider;
 using testsupport::StubProvider;
 
 StorageIRI at(const char16_t* text) { return StorageIRI(ustring(text)); }
@@ -35,66 +33,6 @@ TEST(StorageItem, ComparesByProviderInstanceAndSkipsMissingExtensions) {
         EXPECT_NO_THROW(plain.configure(ptree()));
         EXPECT_NO_THROW(plain.flushFilesystem());
         EXPECT_NO_THROW(invalidateProvider(plain));
-    }
-}
-
-// Answers what a copy asks before any data moves; the stub behind it refuses the rest.
-class CopyingProvider : public InstrumentedProvider {
-public:
-    CopyingProvider(bool targetExists, bool nativeAtomicCopy)
-        : InstrumentedProvider(std::make_shared<StubProvider>()), exists_(targetExists), native_(nativeAtomicCopy) {}
-
-protected:
-    bool doFileExists(const StorageIRI&) const override { return record("doFileExists"), exists_; }
-    bool doHasFeature(const ExtendedFeature& f) const override {
-        return record("doHasFeature"), native_ && f == ExtendedFeature::NativeAtomicCopy;
-    }
-    void doCopyFile(const StorageIRI&, const StorageIRI&, const ReplacementPolicy&) const override {
-        record("doCopyFile");
-    }
-    TransactionStatus doCopyFileAtomic(const StorageIRI&, const StorageIRI&, const ReplacementPolicy&,
-                                       const std::function<InterruptSignal()>&) const override {
-        return record("doCopyFileAtomic"), TransactionStatus::Aborted;
-    }
-
-private:
-    bool exists_, native_;
-};
-
-// Within one provider a copy takes the provider's own copies where the options allow and
-// streams otherwise; a preserving policy refuses an existing target before anything else.
-TEST(StorageItem, CopyWithinOneProviderChoosesItsWay) {
-    using R = ReplacementPolicy;
-    using T = TransactionPolicy;
-    const std::function<InterruptSignal()> go = [] { return InterruptSignal::Continue; };
-    const struct {
-        CopyFileOptions options;
-        bool exists, native;
-        std::vector<std::string> calls;  // the provider's members reached after doFileExists, in order
-        std::string outcome;             // the status, or the name of the failure's code
-    } rows[] = {
-        {{R::Clobber, T::NonAtomic, {}}, true, true, {"doCopyFile"}, "Completed"},
-        {{R::NoClobber, T::NonAtomic, {}}, false, false, {"doCopyFile"}, "Completed"},
-        {{R::Overwrite, T::Atomic, {}}, true, true, {"doHasFeature", "doCopyFileAtomic"}, "Aborted"},
-        {{R::Overwrite, T::Atomic, go}, true, false, {"doHasFeature", "doOpenReadOnlyStream"}, "UnsupportedOperation"},
-        {{R::Overwrite, T::NonAtomic, go}, true, true, {"doOpenReadOnlyStream"}, "UnsupportedOperation"},
-        {{R::Preserve, T::NonAtomic, {}}, true, true, {}, "ResourceAlreadyExists"},
-        {{R::NoClobber, T::Atomic, {}}, true, true, {}, "ResourceAlreadyExists"},
-    };
-    for (const auto& row : rows) {
-        const auto provider = std::make_shared<CopyingProvider>(row.exists, row.native);
-        const StorageItem source(provider, at(u"mem:///src"));
-        std::string outcome;
-        try {
-            const TransactionStatus status = source.copyFile(StorageItem(provider, at(u"mem:///dst")), row.options);
-            outcome = status == TransactionStatus::Completed ? "Completed" : "Aborted";
-        } catch (const Exception& e) {
-            outcome = toString(e.getErrorCode()).substr(std::string_view("ErrorCode::").size());
-        }
-        std::vector<std::string> calls = row.calls;
-        calls.insert(calls.begin(), "doFileExists");
-        EXPECT_EQ(provider->names(), calls) << row.outcome;
-        EXPECT_EQ(outcome, row.outcome) << calls.back();
     }
 }
 

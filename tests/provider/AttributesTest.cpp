@@ -50,19 +50,5 @@ TYPED_TEST(AttributeFlags, CallbacksRunOnceAndCopiesFollowTheirOwnEvaluation) {
     EXPECT_THROW((void)make<TypeParam>(std::function<bool()>()).isWritable(), std::bad_function_call);
 }
 
-TEST(Attributes, ExtendedAttributesLookUpExactKeysAndNameAMissingOne) {
-    ExtendedAttributes attributes({{"b", 2}, {"a", 1}, {"B", 0}});
-    EXPECT_FALSE(attributes.hasAttribute("A"));
-    std::string order;
-    for (const auto& [key, value] : attributes) order += key + "=" + std::to_string(boost::any_cast<int>(value)) + " ";
-    EXPECT_EQ(order, "B=0 a=1 b=2 ");
-    try {
-        (void)attributes.getAttribute("owner");
-        ADD_FAILURE() << "no exception";
-    } catch (const std::out_of_range& e) {
-        EXPECT_STREQ(e.what(), "Attribute owner not found.");
-    }
-}
-
 }  // namespace
 }  // namespace foundation::storage::provider

@@ -100,5 +100,16 @@ TEST(TruncateToSize, DeliberateShortcuts) {
     expectError(ErrorCode::ResourceNotFound, at(u"/none"), [&] { f.provider->truncateToSize(at(u"/none"), 1); });
 }
 
+// Refused before the store sees it; a sibling whose name extends the folder's is no subtree.
+TEST(MoveFolder, RefusesTheFoldersOwnSubtreeBeforeReachingTheStore) {
+    Fixture f;
+    f.store->createFolder(at(u"/a"));
+    expectError(ErrorCode::InvalidLocation, at(u"/a/b"),
+                [&] { f.provider->moveFolder(at(u"/a"), at(u"/a/b"), ReplacementPolicy::Overwrite); });
+    EXPECT_TRUE(f.provider->calls().empty());
+    f.provider->moveFolder(at(u"/a"), at(u"/ab"), ReplacementPolicy::Overwrite);
+    EXPECT_TRUE(f.store->folderExists(at(u"/ab")));
+}
+
 }  // namespace
 }  // namespace foundation::storage::provider

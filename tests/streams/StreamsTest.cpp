@@ -9,7 +9,6 @@
 
 #include "storage/provider/ByteStream.h"
 #include "storage/provider/Exception.h"
-#include "support/StringByteStream.h"
 #include "support/TestIO.h"
 
 namespace foundation::storage::provider {
@@ -20,6 +19,14 @@ constexpr auto Commit = StreamClosePolicy::Commit;
 constexpr auto Abort = StreamClosePolicy::Abort;
 const StorageIRI kTarget(u"mem:///folder/target.txt");
 
+// A data stream that takes every write and holds nothing.
+struct Sink : ByteStream {
+    long doRead(char*, long) override { return -1; }
+    long doWrite(const char*, long count) override { return count; }
+    std::streampos doSeek(long, std::ios_base::seekdir) override { return 0; }
+    void doClose() override {}
+};
+
 // A data stream that counts its closes and fails them while `failClose` is set, under a
 // transactional stream whose close action records each policy.
 struct Recorder {
@@ -28,7 +35,7 @@ struct Recorder {
     Policies calls;
     std::function<void(const StreamClosePolicy&)> action = [this](const StreamClosePolicy& p) { calls.push_back(p); };
 
-    struct Probed : testsupport::StringByteStream {
+    struct Probed : Sink {
         Recorder& recorder;
         explicit Probed(Recorder& r) : recorder(r) {}
         void doClose() override {
@@ -46,7 +53,7 @@ struct Recorder {
 // A write through a read-only stream fails; reported at a location, the failure keeps its code
 // and its own words, without the iostream's.
 TEST(ByteStreamFailure, KeepsItsCodeAndWords) {
-    std::unique_ptr<ByteStream> inner = std::make_unique<testsupport::StringByteStream>();
+    std::unique_ptr<ByteStream> inner = std::make_unique<Sink>();
     EXPECT_THROW(SafeByteStream::openReadOnly(inner)->write("x", 1), ByteStreamWriteFailure);
     const Exception e = streamFailureAt(ByteStreamWriteFailure(), kTarget);
     EXPECT_EQ(e.getErrorCode(), ErrorCode::IOError);

@@ -1,7 +1,6 @@
 #include "AsNobody.h"
 
 #include <grp.h>
-#include <pwd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,21 +10,16 @@
 namespace foundation::storage::provider::testsupport {
 
 std::optional<std::string> asNobody(const std::function<std::string()>& body) {
-    if (::geteuid() != 0) return std::nullopt;
-    const passwd* user = ::getpwnam("nobody");
-    const group* team = ::getgrnam("nogroup");
-    const uid_t uid = user != nullptr ? user->pw_uid : 65534;
-    const gid_t gid = team != nullptr ? team->gr_gid : 65534;
+    constexpr uid_t kNobody = 65534;  // nobody and nogroup on Debian
     int pipe[2];
-    if (::pipe(pipe) != 0) return std::nullopt;
+    if (::geteuid() != 0 || ::pipe(pipe) != 0) return std::nullopt;
     const pid_t child = ::fork();
     if (child < 0) return std::nullopt;
     if (child == 0) {
         ::close(pipe[0]);
-        std::string text;
-        if (::setgroups(0, nullptr) != 0 || ::setresgid(gid, gid, gid) != 0 || ::setresuid(uid, uid, uid) != 0) {
-            text = "exception: cannot become nobody";
-        } else {
+        std::string text = "exception: cannot become nobody";
+        if (::setgroups(0, nullptr) == 0 && ::setresgid(kNobody, kNobody, kNobody) == 0 &&
+            ::setresuid(kNobody, kNobody, kNobody) == 0) {
             try {
                 text = body();
             } catch (const std::exception& e) {
@@ -43,9 +37,8 @@ std::optional<std::string> asNobody(const std::function<std::string()>& body) {
     std::string text;
     char buffer[256];
     for (ssize_t n; (n = ::read(pipe[0], buffer, sizeof buffer)) != 0;) {
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) break;
-        text.append(buffer, static_cast<std::size_t>(n));
+        if (n > 0) text.append(buffer, static_cast<std::size_t>(n));
+        if (n < 0 && errno != EINTR) break;
     }
     ::close(pipe[0]);
     int status = 0;

@@ -28,12 +28,6 @@ public:
         std::lock_guard lock(mutex_);
         return calls_;
     }
-    // The member names only, without locations.
-    std::vector<std::string> names() const {
-        std::vector<std::string> result = calls();
-        for (std::string& call : result) call = call.substr(0, call.find(' '));
-        return result;
-    }
     // How many calls of `name`: a member's name, a stream operation's ("write") or a whole
     // call ("doListAll /a").
     int count(const std::string& name) const {
@@ -41,10 +35,6 @@ public:
         return static_cast<int>(std::count_if(all.begin(), all.end(), [&name](const std::string& call) {
             return call == name || call.substr(0, call.find(' ')) == name;
         }));
-    }
-    void clear() {
-        std::lock_guard lock(mutex_);
-        calls_.clear();
     }
     void record(std::string call) const {
         std::lock_guard lock(mutex_);
@@ -60,7 +50,7 @@ protected:
     void enter(const std::string& member, const StorageIRI* first, const StorageIRI* second) const override {
         std::string call = member;
         for (const StorageIRI* location : {first, second}) {
-            if (location) call += " " + fl::i18n::to_string(location->getPath());
+            if (location) call.append(" ").append(fl::i18n::to_string(location->getPath()));
         }
         record(std::move(call));
     }
