@@ -64,7 +64,7 @@ TEST(SharedProvidersStress, ThreadsKeepEveryInvariant) {
     const StorageItem archive(memRoot, u"archive.zip");
     localRoot.createFolder();
     writeAtomically(shared, record(0));
-    writeAtomically(archive, zip::ziptest::ZipBuilder().file("a.txt", record(1)).bytes());
+    writeAtomically(archive, zip::ziptest::zipOf({{"a.txt", record(1)}}));
     const local::LocalProviderFactory localFactory;
     const zip::ZipProviderFactory zipFactory;
     const auto deadline = Clock::now() + std::chrono::seconds(fromEnvironment("QKFL_STRESS_SECONDS", 10));
@@ -79,7 +79,9 @@ TEST(SharedProvidersStress, ThreadsKeepEveryInvariant) {
     // disk atomically through a provider the factory hands out, and replaces or reads the
     // shared file; every few rounds it also polls its folder and reads the archive.
     auto work = [&](int id) {
-        const ustring own = u"t" + fl::i18n::to_ustring(std::to_string(id));
+        std::string name = "t";
+        name += std::to_string(id);
+        const ustring own = fl::i18n::to_ustring(name);
         const StorageItem mem(memRoot, own), fresh(memRoot, own + u".new"), local(localRoot, own);
         const CopyFileOptions atomic{ReplacementPolicy::Overwrite, TransactionPolicy::Atomic,
                                      [] { return InterruptSignal::Continue; }};
@@ -124,7 +126,7 @@ TEST(SharedProvidersStress, ThreadsKeepEveryInvariant) {
     EXPECT_EQ(failures, std::vector<std::string>{});
     // Nothing but what the threads made is left: no scratch file of a write or a copy.
     std::set<std::string> names;
-    for (int id = 0; id < 8; ++id) names.insert("t" + std::to_string(id));
+    for (int id = 0; id < 8; ++id) names.insert(std::string("t") += std::to_string(id));
     EXPECT_EQ(entrySet(localRoot.listAllNamesOnly()), names);
     names.insert({"archive.zip", "shared.txt"});
     EXPECT_EQ(entrySet(memRoot.listAllNamesOnly()), names);

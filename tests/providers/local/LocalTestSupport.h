@@ -36,6 +36,7 @@
 #include "storage/provider/ChangeEvents.h"
 #include "storage/provider/PathConversions.h"
 #include "storage/provider/StorageIRI.h"
+#include "support/TempFolder.h"
 
 namespace foundation::storage::provider::local::test {
 
@@ -65,34 +66,22 @@ inline const auto* const environment = ::testing::AddGlobalTestEnvironment(new L
 
 // A fresh folder under /tmp, removed with everything below it (whatever tests mounted there
 // and however they left its permissions).
-class TempFolder {
+class TempFolder : public testsupport::TempFolder {
 public:
-    TempFolder() {
-        char pattern[] = "/tmp/qkfl-local-XXXXXX";
-        if (::mkdtemp(pattern) == nullptr) throw std::runtime_error("mkdtemp failed");
-        path_ = pattern;
-    }
-    TempFolder(const TempFolder&) = delete;
-    TempFolder& operator=(const TempFolder&) = delete;
     ~TempFolder() {
         std::ifstream mounts("/proc/self/mounts");
         std::vector<std::string> targets;
         for (std::string device, target, rest; mounts >> device >> target && std::getline(mounts, rest);) {
-            if (target.compare(0, path_.size(), path_) == 0) targets.push_back(target);
+            if (target.starts_with(path())) targets.push_back(target);
         }
         std::sort(targets.rbegin(), targets.rend());  // the deepest first
         for (const std::string& target : targets) ::umount2(target.c_str(), MNT_DETACH);
         overridePermissions(true);
         std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
+        std::filesystem::remove_all(path(), ignored);
         overridePermissions(false);
     }
-
-    const std::string& path() const { return path_; }
-    std::string operator/(const std::string& relative) const { return path_ + "/" + relative; }
-
-private:
-    std::string path_;
+    std::string operator/(const std::string& relative) const { return path() + "/" + relative; }
 };
 
 // The hierarchical form 'file:///...' and the path form of a system path.
@@ -198,10 +187,6 @@ public:
     bool mentions(const std::string& text) const {
         std::lock_guard lock(mutex_);
         return std::any_of(lines_.begin(), lines_.end(), [&](const auto& l) { return l.find(text) != l.npos; });
-    }
-    std::vector<std::string> lines() const {
-        std::lock_guard lock(mutex_);
-        return lines_;
     }
 
 private:

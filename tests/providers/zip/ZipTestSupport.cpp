@@ -16,31 +16,9 @@ void require(bool condition, const std::string& what) {
     if (!condition) throw std::runtime_error("test archive: " + what);
 }
 
-constexpr std::uint64_t kEndRecordSize = 22;
-
 }  // namespace
 
-ZipBuilder& ZipBuilder::file(const std::string& name, const std::string& content, Method method, std::time_t time) {
-    entries_.push_back({name, content, method, time, false, {}, {}});
-    return *this;
-}
-
-ZipBuilder& ZipBuilder::folder(const std::string& name, std::time_t time) {
-    entries_.push_back({name, "", Method::Stored, time, true, {}, {}});
-    return *this;
-}
-
-ZipBuilder& ZipBuilder::extendedTime(std::time_t time) {
-    entries_.back().extendedTime = time;
-    return *this;
-}
-
-ZipBuilder& ZipBuilder::unixMode(std::uint32_t mode) {
-    entries_.back().unixMode = mode;
-    return *this;
-}
-
-std::string ZipBuilder::bytes() const {
+std::string zipOf(const std::vector<Entry>& entries) {
     zip_error_t error;
     zip_error_init(&error);
     zip_source_t* buffer = zip_source_buffer_create(nullptr, 0, 0, &error);
@@ -48,9 +26,10 @@ std::string ZipBuilder::bytes() const {
     zip_t* archive = zip_open_from_source(buffer, ZIP_TRUNCATE, &error);
     require(archive != nullptr, "cannot start");
     zip_source_keep(buffer);
-    for (const Entry& entry : entries_) {
+    for (const Entry& entry : entries) {
         zip_int64_t index = -1;
-        if (entry.folder) {
+        const bool folder = entry.name.back() == '/';
+        if (folder) {
             index = zip_dir_add(archive, entry.name.c_str(), ZIP_FL_ENC_UTF_8);
         } else {
             zip_source_t* data = zip_source_buffer(archive, entry.content.data(), entry.content.size(), 0);
@@ -60,9 +39,8 @@ std::string ZipBuilder::bytes() const {
         }
         require(index >= 0, std::string("cannot add ") + entry.name + ": " + zip_strerror(archive));
         const auto at = static_cast<zip_uint64_t>(index);
-        require(zip_set_file_compression(archive, at, entry.method == Method::Stored ? ZIP_CM_STORE : ZIP_CM_DEFLATE,
-                                         0) == 0,
-                "cannot set the method");
+        const zip_int32_t method = folder || entry.method == Method::Stored ? ZIP_CM_STORE : ZIP_CM_DEFLATE;
+        require(zip_set_file_compression(archive, at, method, 0) == 0, "cannot set the method");
         require(zip_file_set_mtime(archive, at, entry.time, 0) == 0, "cannot set the time");
         if (entry.extendedTime) {
             std::string field(5, '\1');  // flags: modification time only, then the time
@@ -90,62 +68,8 @@ std::string ZipBuilder::bytes() const {
     return out;
 }
 
-std::uint64_t getLittle(const std::string& bytes, std::uint64_t offset, int width) {
-    std::uint64_t value = 0;
-    for (int i = width - 1; i >= 0; --i) value = value << 8 | static_cast<unsigned char>(bytes.at(offset + i));
-    return value;
-}
-
 void putLittle(std::string& bytes, std::uint64_t offset, int width, std::uint64_t value) {
     for (int i = 0; i < width; ++i) bytes.at(offset + i) = static_cast<char>(value >> (8 * i) & 0xFF);
-}
-
-Layout layoutOf(const std::string& archive) {
-    Layout layout{};
-    require(archive.size() >= kEndRecordSize, "too short");
-    layout.endRecord = archive.size() - kEndRecordSize;
-    require(archive.compare(layout.endRecord, 4, "PK\5\6") == 0, "no end record at the end");
-    layout.directorySize = getLittle(archive, layout.endRecord + 12, 4);
-    layout.directoryOffset = getLittle(archive, layout.endRecord + 16, 4);
-    std::uint64_t at = layout.directoryOffset;
-    for (std::uint64_t i = getLittle(archive, layout.endRecord + 10, 2); i > 0; --i) {
-        require(archive.compare(at, 4, "PK\1\2") == 0, "no directory record");
-        layout.directoryEntries.push_back(at);
-        layout.localHeaders.push_back(getLittle(archive, at + 42, 4));
-        at += 46 + getLittle(archive, at + 28, 2) + getLittle(archive, at + 30, 2) + getLittle(archive, at + 32, 2);
-    }
-    return layout;
-}
-
-std::string withField(std::string archive, std::size_t entry, int central, int local, int width,
-                      std::uint64_t value) {
-    const Layout layout = layoutOf(archive);
-    putLittle(archive, layout.directoryEntries.at(entry) + central, width, value);
-    putLittle(archive, layout.localHeaders.at(entry) + local, width, value);
-    return archive;
-}
-
-std::string replaced(std::string archive, const std::string& from, const std::string& to) {
-    require(from.size() == to.size(), "replacement of another length");
-    for (std::size_t at = archive.find(from); at != std::string::npos; at = archive.find(from, at + to.size())) {
-        archive.replace(at, from.size(), to);
-    }
-    return archive;
-}
-
-std::string sampleText(std::size_t size, unsigned seed) {
-    static const char* const words[] = {"storage ", "archive ", "entry ", "folder ", "zip ", "stream ",
-                                        "seek ",    "inflate ", "bytes ", "name\n", "deflate ", "index "};
-    std::string text;
-    text.reserve(size + 16);
-    unsigned state = seed;
-    while (text.size() < size) {
-        state = state * 1103515245U + 12345U;
-        text += words[(state >> 16) % 12];
-        if ((state >> 8) % 7 == 0) text += std::to_string(state % 1000);
-    }
-    text.resize(size);
-    return text;
 }
 
 StorageIRI zipLocation(const StorageIRI& inner, const std::string& path) {

@@ -22,58 +22,25 @@ constexpr std::time_t kTime = 1'700'000'000;
 
 enum class Method { Stored, Deflated };
 
-// A zip archive written by libzip into memory, entries in the order they were added.
-class ZipBuilder {
-public:
-    ZipBuilder& file(const std::string& name, const std::string& content, Method method = Method::Deflated,
-                     std::time_t time = kTime);
-    // `name` ends with '/'.
-    ZipBuilder& folder(const std::string& name, std::time_t time = kTime);
-    // The last entry added also records `time` in an extended-timestamp field (UTC).
-    ZipBuilder& extendedTime(std::time_t time);
-    // The last entry added records a Unix `mode` (with its file type) in its attributes.
-    ZipBuilder& unixMode(std::uint32_t mode);
-    std::string bytes() const;
-
-private:
-    struct Entry {
-        std::string name;
-        std::string content;
-        Method method;
-        std::time_t time;
-        bool folder;
-        std::optional<std::time_t> extendedTime;
-        std::optional<std::uint32_t> unixMode;
-    };
-    std::vector<Entry> entries_;
+// One entry of a test archive; a name ending in '/' is a folder.
+struct Entry {
+    std::string name;
+    std::string content{};
+    Method method = Method::Deflated;
+    std::time_t time = kTime;
+    std::optional<std::time_t> extendedTime{};  // also in an extended-timestamp field (UTC)
+    std::optional<std::uint32_t> unixMode{};    // a Unix mode, with its file type, in its attributes
 };
+// A zip archive written by libzip into memory, entries in the order given.
+std::string zipOf(const std::vector<Entry>& entries);
 
-// Where the records of a well-formed archive (one disk, no zip64, no comment) lie.
-struct Layout {
-    std::uint64_t directoryOffset;
-    std::uint64_t directorySize;
-    std::uint64_t endRecord;                      // offset of the end of central directory record
-    std::vector<std::uint64_t> directoryEntries;  // offset of each central directory record
-    std::vector<std::uint64_t> localHeaders;      // offset of each local header
-};
-Layout layoutOf(const std::string& archive);
-
-std::uint64_t getLittle(const std::string& bytes, std::uint64_t offset, int width);
+// Writes `value` as `width` little-endian bytes at `offset`.
 void putLittle(std::string& bytes, std::uint64_t offset, int width, std::uint64_t value);
 
-// A field of entry `entry` set to `value` in both of its records: `width` bytes at `central` in
-// its central directory record and at `local` in its local header.
-std::string withField(std::string archive, std::size_t entry, int central, int local, int width,
-                      std::uint64_t value);
-// Replaces the bytes `from` by `to` (same length) wherever they occur.
-std::string replaced(std::string archive, const std::string& from, const std::string& to);
-
 using testsupport::namesOf;
+using testsupport::pattern;
 using testsupport::put;
 using testsupport::readAll;
-
-// Text of test data: deterministic, compressible but not trivially.
-std::string sampleText(std::size_t size, unsigned seed = 1);
 
 // A memory store holding the archive at 'mem:///<name>', and a zip provider on it.
 struct InMemory {
