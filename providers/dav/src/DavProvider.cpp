@@ -351,6 +351,7 @@ void DavProvider::doRemoveFile(const StorageIRI& location) const {
 
 void DavProvider::doRemoveFolder(const StorageIRI& location) const {
     const std::string path = session_->pathOf(location);
+    session_->forgetFolders();
     const Operations ops(*session_);
     if (!ops.list(location, path).empty()) refuse(ErrorCode::FolderNotEmpty, location, u"the folder has entries");
     if (path == "/") refuse(ErrorCode::PermissionDenied, location, u"the server's root cannot be removed");
@@ -361,6 +362,7 @@ void DavProvider::doRemoveFolder(const StorageIRI& location) const {
 
 void DavProvider::doRemoveFolderRecursively(const StorageIRI& location) const {
     const std::string path = session_->pathOf(location);
+    session_->forgetFolders();
     const Operations ops(*session_);
     const std::optional<DavEntry> entry = ops.stat(location, path);
     if (!entry) refuse(ErrorCode::ResourceNotFound, location, u"no such folder on the server");
@@ -396,6 +398,7 @@ void DavProvider::doMoveFile(const StorageIRI& from, const StorageIRI& to, const
 
 void DavProvider::doMoveFolder(const StorageIRI& from, const StorageIRI& to, const ReplacementPolicy& policy) const {
     const std::string source = session_->pathOf(from);
+    session_->forgetFolders();
     const std::string target = session_->pathOf(to);
     // Some servers remove the source, or nest without end, when asked for this.
     const auto inside = [](const std::string& path, const std::string& folder) {
@@ -474,27 +477,31 @@ std::unique_ptr<ByteStream> DavProvider::doOpenReadOnlyStream(const StorageIRI& 
                                                 entry->etag);
 }
 
-// Stream failures are ByteStreamFailure while reading and writing; the upload at close fails
-// with an Exception that names the target, since that is where the data did not arrive.
-std::unique_ptr<ByteStream> DavProvider::doOpenStream(const StorageIRI& location,
-                                                      const ByteStreamOpenOptions& options) const {
-    const std::string path = session_->pathOf(location);
-    const Operations ops(*session_);
+namespace {
+
+// A stream on a local temporary copy of the file at `path` (empty when truncated), after the
+// checks an open makes; `upload` gets the copy when the stream closes.
+std::unique_ptr<ByteStream> openSpooled(const Session& session, const StorageIRI& location, const std::string& path,
+                                        const ByteStreamOpenOptions& options, detail::WriteStream::Upload upload) {
+    const Operations ops(session);
     const std::optional<DavEntry> entry = ops.stat(location, path);
     if (entry && entry->folder) refuse(ErrorCode::InvalidLocation, location, u"a folder, not a file");
     if (!entry) {
         if (options.create == ByteStreamCreate::NeverCreate) {
             refuse(ErrorCode::ResourceNotFound, location, u"no such file on the server");
         }
-        const std::optional<DavEntry> parent = ops.stat(location, parentOf(path));
-        if (!parent) refuse(ErrorCode::ResourceNotFound, location, u"no parent folder on the server");
-        if (!parent->folder) refuse(ErrorCode::InvalidLocation, location, u"the parent is a file");
+        // Many files written into one folder look at it once every few seconds: when another
+        // client removes it meanwhile, the upload at close fails (ResourceNotFound), not the open.
+        if (!session.folderSeen(parentOf(path))) {
+            ops.requireParentFolder(location, path);
+            session.sawFolder(parentOf(path));
+        }
     }
     const int file = temporaryFile(location);
     if (entry && options.truncate == ByteStreamTruncate::PreserveExisting && entry->size.value_or(1) > 0) {
         Request request;
         request.method = "GET";
-        request.url = session_->urlOf(path, false);
+        request.url = session.urlOf(path, false);
         request.idempotent = true;
         bool written = true;
         request.restart = [&] {
@@ -504,7 +511,7 @@ std::unique_ptr<ByteStream> DavProvider::doOpenStream(const StorageIRI& location
             written = written && ::write(file, data, n) == static_cast<ssize_t>(n);
             return written;
         };
-        const Response response = session_->perform(request);
+        const Response response = session.perform(request);
         if (!response.ok() || !written) {
             ::close(file);
             if (!written) refuse(ErrorCode::IOError, location, u"cannot keep the file's content in a temporary file");
@@ -512,10 +519,52 @@ std::unique_ptr<ByteStream> DavProvider::doOpenStream(const StorageIRI& location
         }
         ::lseek(file, 0, SEEK_SET);
     }
+    return std::make_unique<detail::WriteStream>(file, options.append == ByteStreamAppend::Append,
+                                                 session.urlOf(path, false), std::move(upload));
+}
+
+}  // namespace
+
+// Stream failures are ByteStreamFailure while reading and writing; the upload at close fails
+// with an Exception that names the target, since that is where the data did not arrive.
+std::unique_ptr<ByteStream> DavProvider::doOpenStream(const StorageIRI& location,
+                                                      const ByteStreamOpenOptions& options) const {
+    const std::string path = session_->pathOf(location);
     const detail::Session* session = session_.get();
-    return std::make_unique<detail::WriteStream>(
-        file, options.append == ByteStreamAppend::Append, session_->urlOf(path, false),
-        [session, location, path](int data, std::int64_t size) { Operations(*session).upload(location, path, data, size); });
+    return openSpooled(*session_, location, path, options, [session, location, path](int data, std::int64_t size) {
+        Operations(*session).upload(location, path, data, size);
+    });
+}
+
+// An upload already goes to a scratch name and is moved over the target, so a transaction
+// needs no scratch file of its own: the commit uploads, an abort sends nothing.
+std::unique_ptr<TransactionalStream> DavProvider::doOpenTransactionalStream(
+    const StorageIRI& location, const ByteStreamOpenOptions& options) const {
+    struct Spool {
+        int file = -1;
+        std::int64_t size = 0;
+        ~Spool() {
+            if (file >= 0) ::close(file);
+        }
+    };
+    const std::string path = session_->pathOf(location);
+    auto spool = std::make_shared<Spool>();
+    const auto keep = [spool, location](int data, std::int64_t size) {
+        if (spool->file < 0 && (spool->file = ::dup(data)) < 0) {
+            refuse(ErrorCode::IOError, location, u"cannot keep the written data for the commit");
+        }
+        spool->size = size;
+    };
+    std::unique_ptr<ByteStream> opened = openSpooled(*session_, location, path, options, keep);
+    std::unique_ptr<ByteStream> stream = SafeByteStream::open(opened, options);
+    const detail::Session* session = session_.get();
+    auto onClose = [spool, session, location, path](const StreamClosePolicy& policy) {
+        // A failed commit keeps the data for another commit or an abort.
+        if (policy == StreamClosePolicy::Commit) Operations(*session).upload(location, path, spool->file, spool->size);
+        if (spool->file >= 0) ::close(spool->file);
+        spool->file = -1;
+    };
+    return std::make_unique<GenericTransactionalStream<ByteStream>>(stream, onClose, location);
 }
 
 // A folder's listing is one PROPFIND answer, attributes included. Servers refuse Depth

@@ -37,6 +37,8 @@ bool ReadStream::fill(std::size_t count) {
         want = static_cast<std::size_t>(size_ - start);
     }
     std::string data;
+    data.swap(buffer_);  // its capacity serves again
+    data.clear();
     std::uint64_t skipped = 0;
     Request request;
     request.method = "GET";
@@ -69,10 +71,7 @@ bool ReadStream::fill(std::size_t count) {
         fail(ErrorCode::IOError, "the file changed on the server while it was read");
     }
     if (etag_.empty()) etag_ = response.etag;
-    const std::size_t slash = response.contentRange.rfind('/');
-    if (response.status == 206 && slash != std::string::npos && response.contentRange[slash + 1] != '*') {
-        size_ = std::stoull(response.contentRange.substr(slash + 1));
-    }
+    learnSize(response);
     buffer_ = std::move(data);
     bufferStart_ = start;
     if (buffer_.empty()) {
@@ -82,11 +81,63 @@ bool ReadStream::fill(std::size_t count) {
     return true;
 }
 
+void ReadStream::learnSize(const Response& response) {
+    const std::size_t slash = response.contentRange.rfind('/');
+    if (response.status == 206 && slash != std::string::npos && response.contentRange[slash + 1] != '*') {
+        size_ = std::stoull(response.contentRange.substr(slash + 1));
+    }
+}
+
+long ReadStream::stream(char* buffer, long count) {
+    // A first read of at least a chunk from the start is taken as the start of a whole read.
+    const bool sequential = download_ ? position_ == downloadAt_
+                            : buffer_.empty()
+                                ? position_ == 0 && static_cast<std::size_t>(count) >= kFirstChunk
+                                : position_ == bufferStart_ + buffer_.size();
+    if (!sequential) {
+        download_.reset();
+        return 0;
+    }
+    const bool starting = !download_;
+    if (starting) {
+        Request request;
+        request.url = url_;
+        // From the start, a plain GET: some servers send a whole file faster than a range.
+        if (position_ > 0) request.headers.push_back("Range: bytes=" + std::to_string(position_) + "-");
+        download_ = session_.download(request);
+        downloadAt_ = position_;
+    }
+    const long n = download_->read(buffer, count);
+    if (n > 0 && starting) {
+        const Response& response = download_->response();
+        if (!etag_.empty() && !response.etag.empty() && weak(response.etag) != weak(etag_)) {
+            download_.reset();
+            fail(ErrorCode::IOError, "the file changed on the server while it was read");
+        }
+        // A server that ignores the range sends the file from its start: ranges skip that.
+        const bool whole = position_ == 0 && response.status == 200;
+        if (!whole && (response.status != 206 ||
+                       response.contentRange.rfind("bytes " + std::to_string(position_) + "-", 0) != 0)) {
+            download_.reset();
+            return 0;
+        }
+        learnSize(response);
+    }
+    if (n <= 0) {
+        download_.reset();
+        return 0;
+    }
+    position_ += static_cast<std::uint64_t>(n);
+    downloadAt_ = position_;
+    return n;
+}
+
 long ReadStream::doRead(char* buffer, long count) {
     if (closed_) fail(ErrorCode::IOError, "the stream is closed");
     if (count <= 0) return 0;
     if (position_ >= size_) return -1;
     if (position_ < bufferStart_ || position_ >= bufferStart_ + buffer_.size()) {
+        if (const long n = stream(buffer, count); n > 0) return n;
         // A file that shrank may end before the position, inside the range just fetched.
         if (!fill(static_cast<std::size_t>(count)) || position_ >= bufferStart_ + buffer_.size()) return -1;
     }
@@ -111,6 +162,7 @@ std::streampos ReadStream::doSeek(long offset, std::ios_base::seekdir origin) {
 
 void ReadStream::doClose() {
     closed_ = true;
+    download_.reset();
     buffer_.clear();
     buffer_.shrink_to_fit();
 }

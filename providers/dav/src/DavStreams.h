@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "Session.h"
@@ -10,8 +11,9 @@
 
 namespace foundation::storage::provider::dav::detail {
 
-// Reads a file on the server by ranges through a read-ahead buffer, which doubles (up to
-// 8 MiB) while reads go on where the last one ended and starts small again after a seek.
+// Reads a file on the server by ranges through a read-ahead buffer, which starts small after
+// a seek. Reads that go on where the last range ended take the rest of the file through one
+// open-ended GET, straight into the reader's buffer, for as long as they stay sequential.
 class ReadStream final : public ByteStream {
 public:
     ReadStream(const Session& session, std::string url, std::uint64_t size, std::string etag);
@@ -26,6 +28,12 @@ private:
     // Fetches a new range holding position_ and at least `count` bytes after it (up to the
     // largest chunk); false at the end of the file.
     bool fill(std::size_t count);
+    // Reads at position_ through the open-ended GET, starting it when the read goes on where
+    // the last range ended. 0 when this read is not sequential or the GET failed or ended:
+    // ranges, with their retries and error reports, then take over.
+    long stream(char* buffer, long count);
+    // Takes the file's size from a 206 answer's Content-Range.
+    void learnSize(const Response& response);
     [[noreturn]] void fail(ErrorCode code, const std::string& why) const;
 
     const Session& session_;
@@ -36,6 +44,8 @@ private:
     std::uint64_t bufferStart_ = 0;
     std::uint64_t position_ = 0;
     std::size_t chunk_;
+    std::unique_ptr<Download> download_;
+    std::uint64_t downloadAt_ = 0;  // the file position of the download's next byte
     bool closed_ = false;
 };
 

@@ -5,6 +5,8 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <string_view>
 
 #include <boost/date_time/posix_time/conversion.hpp>
 
@@ -43,6 +45,37 @@ std::optional<std::uint64_t> unsignedOf(const std::string& text) {
     const unsigned long long n = std::strtoull(text.c_str(), &end, 10);
     if (end == text.c_str()) return std::nullopt;
     return n;
+}
+
+// "Sun, 06 Nov 1994 08:49:37 GMT", the form servers send, read directly: curl_getdate, which
+// reads every form, took a sixth of the client's time in a large listing. -1 for another form.
+time_t rfc1123(const std::string& text) {
+    constexpr std::string_view kMonths = "JanFebMarAprMayJunJulAugSepOctNovDec";
+    if (text.size() != 29 || text[3] != ',' || text[16] != ' ' || text[19] != ':' ||
+        text[22] != ':' || text.compare(25, 4, " GMT") != 0) {
+        return -1;
+    }
+    const auto number = [&](std::size_t at, std::size_t digits) {
+        int value = 0;
+        for (std::size_t i = at; i < at + digits; ++i) {
+            if (text[i] < '0' || text[i] > '9') return -1;
+            value = value * 10 + (text[i] - '0');
+        }
+        return value;
+    };
+    const std::size_t month = kMonths.find(std::string_view(text).substr(8, 3));
+    std::tm tm{};
+    tm.tm_mday = number(5, 2);
+    tm.tm_year = number(12, 4) - 1900;
+    tm.tm_hour = number(17, 2);
+    tm.tm_min = number(20, 2);
+    tm.tm_sec = number(23, 2);
+    if (month == std::string_view::npos || month % 3 != 0 || tm.tm_mday < 1 || tm.tm_mday > 31 || tm.tm_year < 0 ||
+        tm.tm_hour < 0 || tm.tm_hour > 23 || tm.tm_min < 0 || tm.tm_min > 59 || tm.tm_sec < 0 || tm.tm_sec > 60) {
+        return -1;
+    }
+    tm.tm_mon = static_cast<int>(month / 3);
+    return ::timegm(&tm);
 }
 
 bool successful(const std::string& statusLine) {
@@ -134,7 +167,8 @@ struct MultistatusParser::State {
             case Field::Status: (inPropstat ? propstatStatus : responseStatus) = text; break;
             case Field::Length: pending.size = unsignedOf(text); break;
             case Field::Modified: {
-                const time_t seconds = curl_getdate(text.c_str(), nullptr);
+                time_t seconds = rfc1123(text);
+                if (seconds == -1) seconds = curl_getdate(text.c_str(), nullptr);
                 if (seconds != -1) pending.modified = boost::posix_time::from_time_t(seconds);
                 break;
             }

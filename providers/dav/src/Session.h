@@ -1,8 +1,10 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -14,7 +16,11 @@
 #include "storage/provider/ErrorCode.h"
 #include "storage/provider/StorageIRI.h"
 
+struct curl_slist;
+
 namespace foundation::storage::provider::dav::detail {
+
+struct Transfer;
 
 // The provider's settings, read from its configuration.
 struct Settings {
@@ -66,6 +72,32 @@ struct Response {
     std::string describe() const;
 };
 
+class Session;
+
+// A GET whose body is handed over as it arrives, at the reader's pace: the transfer waits
+// while nobody reads (the server's and the kernel's buffers fill and the server waits), so
+// a long sequential read takes one request. Never retried: a reader falls back to requests
+// that are. Ends the transfer when destroyed.
+class Download {
+public:
+    ~Download();
+    Download(const Download&) = delete;
+    Download& operator=(const Download&) = delete;
+
+    // Copies the next body bytes into `buffer`, waiting until `count` of them have come or
+    // the body ends. Returns the bytes copied; 0 at the end of a successful answer; -1 when
+    // the transfer failed or the answer is no success (response() says which).
+    long read(char* buffer, long count);
+    // The answer's status and headers once the first body bytes have come.
+    const Response& response() const;
+
+private:
+    friend class Session;
+    struct State;
+    explicit Download(std::unique_ptr<State> state);
+    std::unique_ptr<State> state_;
+};
+
 // The connection to one server: its address, settings and a pool of libcurl easy handles,
 // each used by one thread at a time (handles keep their connections alive between requests).
 class Session {
@@ -82,6 +114,8 @@ public:
     // Runs the request (with retries where it is idempotent). Never throws for a status or
     // a failed transfer: the response says what happened.
     Response perform(Request& request) const;
+    // Starts a GET of `request` (its method, URL and headers) read through a Download.
+    std::unique_ptr<Download> download(const Request& request) const;
 
     // The request URL of `path` (decoded, absolute), with a trailing '/' for a folder.
     std::string urlOf(const std::string& path, bool folder) const;
@@ -97,6 +131,12 @@ public:
         return scheme_ + "://" + host_ + ":" + (port_.empty() ? (scheme_ == "https" ? "443" : "80") : port_);
     }
 
+    // Folders this provider found lately (for a few seconds), so that writing many files into
+    // one folder looks at it once; its own removals and moves of folders forget them all.
+    bool folderSeen(const std::string& path) const;
+    void sawFolder(const std::string& path) const;
+    void forgetFolders() const;
+
     // Requests sent (every attempt) and response body bytes received, since construction.
     mutable std::atomic<std::uint64_t> requestsSent{0};
     mutable std::atomic<std::uint64_t> bytesReceived{0};
@@ -105,10 +145,14 @@ public:
     mutable std::atomic<int> conditionalPut{-1};
 
 private:
+    friend class Download;
     struct Handle;
     std::unique_ptr<Handle> acquire() const;
     void release(std::unique_ptr<Handle> handle) const;
     Response attempt(Handle& handle, Request& request, const Settings& settings) const;
+    // Sets every option of `request` on the handle; the returned headers are freed by the caller
+    // after the transfer.
+    curl_slist* prepare(Handle& handle, Transfer& transfer, char* errorText, const Settings& settings) const;
 
     std::string scheme_;  // "http" or "https"
     std::string host_;
@@ -119,6 +163,7 @@ private:
     mutable std::mutex mutex_;
     Settings settings_;
     mutable std::vector<std::unique_ptr<Handle>> idle_;
+    mutable std::map<std::string, std::chrono::steady_clock::time_point> seenFolders_;
 };
 
 // The ErrorCode of a failed response.

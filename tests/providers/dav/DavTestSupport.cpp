@@ -25,12 +25,11 @@ namespace fs = std::filesystem;
 
 int loopbackSocket(int& port) {
     const int s = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
     socklen_t length = sizeof address;
     ::bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address);
     ::getsockname(s, reinterpret_cast<sockaddr*>(&address), &length);
+    ::listen(s, 8);
     port = ntohs(address.sin_port);
     return s;
 }
@@ -62,9 +61,8 @@ std::vector<std::string> TestServer::configure() const {
         config << "daemon off;\nmaster_process off;\nerror_log " << f << "/error.log warn;\npid " << f
                << "/nginx.pid;\nload_module /usr/lib/nginx/modules/ngx_http_dav_ext_module.so;\n"
                << "events { worker_connections 256; }\nhttp {\n  access_log " << f << "/access.log;\n";
-        for (const char* temp : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"}) {
+        for (const char* temp : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
             config << "  " << temp << "_temp_path " << f << "/" << temp << ";\n";
-        }
         config << "  server {\n    listen 127.0.0.1:" << port << ";\n    root " << f << "/root;\n"
                << "    location / {\n      dav_methods PUT DELETE MKCOL COPY MOVE;\n"
                << "      dav_ext_methods PROPFIND OPTIONS;\n      dav_access user:rw group:r all:r;\n"
@@ -81,9 +79,8 @@ std::vector<std::string> TestServer::configure() const {
            << "PidFile " << f << "/httpd.pid\nErrorLog " << f << "/error.log\nLogLevel warn\n";
     if (::geteuid() == 0) config << "User www-data\nGroup www-data\n";
     for (const char* module :
-         {"mpm_event", "authz_core", "authn_core", "authn_file", "auth_basic", "authz_user", "dav", "dav_fs", "ssl"}) {
+         {"mpm_event", "authz_core", "authn_core", "authn_file", "auth_basic", "authz_user", "dav", "dav_fs", "ssl"})
         config << "LoadModule " << module << "_module " << modules << "mod_" << module << ".so\n";
-    }
     config << "CustomLog " << f << "/access.log \"%r %>s %B\"\n"
            << "DAVLockDB " << f << "/lock/db\nDocumentRoot " << f << "/root\n"
            << "<Directory />\n  AllowOverride None\n</Directory>\n"

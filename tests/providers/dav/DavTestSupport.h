@@ -53,7 +53,7 @@ private:
     pid_t pid_ = -1;
 };
 
-// A TCP socket bound to a free 127.0.0.1 port, which goes to `port`.
+// A listening TCP socket on a free 127.0.0.1 port, which goes to `port`.
 int loopbackSocket(int& port);
 
 // A new provider for `server`, configured with `settings`.

@@ -30,10 +30,11 @@ class Session;
 // - file identity (extensions::IFileIdentity): a file is its server (scheme, host and port,
 //   the default port spelled out) and its decoded path with '.' and '..' resolved, whatever
 //   the user, so a copy onto another spelling of its own source is refused.
-// - reading: GET with Range, through a read-ahead buffer that grows while reads are
-//   sequential; a seek starts a new range. A server that ignores Range (200) is handled, and
-//   a 416 at or past the end is the end of the file. A file whose entity tag changes while it
-//   is read fails the read with IOError.
+// - reading: GET with Range, through a read-ahead buffer; reads that go on past a range
+//   continue through one open-ended GET for as long as they stay sequential; a seek starts
+//   a new range. A server that ignores Range (200) is handled, and a 416 at or past the end
+//   is the end of the file. A file whose entity tag changes while it is read fails the read
+//   with IOError.
 // - writing: a stream opened for writing works on a local temporary file (holding the old
 //   content unless truncated) and uploads it when closed: PUT to a hidden scratch name beside
 //   the target, MOVE over the target with "Overwrite: T", then a check of the size. The
@@ -41,7 +42,11 @@ class Session;
 //   content and the scratch file is removed, unless the server went away between the PUT and
 //   the MOVE: then the hidden scratch file (isScratchName) stays until someone removes it.
 //   A stream destroyed unclosed uploads too, and swallows a failure; after a close whose
-//   upload failed, only another close() tries again (destruction does not).
+//   upload failed, only another close() tries again (destruction does not). A transactional
+//   stream is the same temporary file: its commit uploads, its abort sends nothing. Opening
+//   looks at the target, and at its folder at most once every few seconds: a folder another
+//   client removes meanwhile fails the upload (ResourceNotFound) rather than the open. So a
+//   write takes four requests.
 // - folders by MKCOL after a look at the name (some servers answer success for a folder
 //   that exists), removal by DELETE (a folder only after a listing found it empty, so
 //   another client's file added in between is removed with it), moves and copies by MOVE
@@ -117,6 +122,8 @@ protected:
     std::unique_ptr<ByteStream> doOpenStream(const StorageIRI& location,
                                              const ByteStreamOpenOptions& options) const override;
     std::unique_ptr<ByteStream> doOpenReadOnlyStream(const StorageIRI& location) const override;
+    std::unique_ptr<TransactionalStream> doOpenTransactionalStream(const StorageIRI& location,
+                                                                   const ByteStreamOpenOptions& options) const override;
     std::unique_ptr<IFolderEntryIterator> doList(const StorageIRI& folder, ListingRequest request) const override;
     void doCopyFile(const StorageIRI& from, const StorageIRI& to, const ReplacementPolicy& policy) const override;
     bool doHasFeature(const ExtendedFeature& feature) const override;
