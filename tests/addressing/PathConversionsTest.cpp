@@ -47,26 +47,13 @@ TEST(PathConversions, CanonicalizedLocationsResolveTheVolume) {
         failures.emplace_back(u"/root/x", ErrorCode::PermissionDenied);
     }
     for (const auto& [path, code] : failures) {
-        const auto failure = testsupport::failureOf([&] { toCanonicalizedStorageIRI(u"file", basic_path(path)); });
+        const auto failure = testsupport::failureOf([&p = path] { toCanonicalizedStorageIRI(u"file", basic_path(p)); });
         EXPECT_EQ(failure.code, code) << utf8(path);
         EXPECT_EQ(failure.location.value_or(StorageIRI(u"x:/")).getPath(), path) << utf8(path);
     }
     // The fallback location of a relative path cannot be built: its own failure is reported.
     expectThrow<std::runtime_error>([] { toCanonicalizedStorageIRI(u"file", basic_path(u"qkfl-surely/missing")); },
                                     "File path qkfl-surely/missing is not absolute.");
-}
-
-// The text after the last '+', wherever it stands: in a URL's path too.
-TEST(PathConversions, FilteringPrefixes) {
-    const std::pair<ustring, ustring> rows[] = {
-        {u"a+b+file", u"file"},
-        {u"file:///a.zip", u"file:///a.zip"},
-        {u"zip+file:///c++/notes.txt", u"/notes.txt"},
-    };
-    for (const auto& [text, physical] : rows) {
-        EXPECT_EQ(getPhysicalPartFromFilteringScheme(text), physical) << utf8(text);
-        EXPECT_EQ(getPhysicalURLFromFilteringURL(text), physical) << utf8(text);
-    }
 }
 
 }  // namespace

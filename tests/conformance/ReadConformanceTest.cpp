@@ -137,37 +137,6 @@ TEST_P(ProviderConformance, ReadStreams) {
     EXPECT_EQ(stream->read(buffer, 1), 1) << "a refused write leaves the stream readable";
     stream->close();
     EXPECT_EQ(read("sub/b.txt"), "bravo bravo");
-
-    // Several streams at once, each with its own position.
-    auto first = provider().openReadOnlyStream(at("a.txt"));
-    auto second = provider().openReadOnlyStream(at("a.txt"));
-    auto other = provider().openReadOnlyStream(at("sub/deeper/c.txt"));
-    char a[8];
-    char b[8];
-    char c[8];
-    EXPECT_EQ(first->read(a, 2), 2);
-    EXPECT_EQ(other->read(c, 8), 7);
-    EXPECT_EQ(second->read(b, 8), 5);
-    EXPECT_EQ(first->read(a + 2, 8), 3);
-    EXPECT_EQ(std::string(a, 5) + std::string(b, 5) + std::string(c, 7), "alphaalphacharlie");
-}
-
-TEST_P(ProviderConformance, ReadDefaults) {
-    EXPECT_EQ(provider().getCanonicalLocation(at("sub/./deeper/../b.txt")),
-              provider().getCanonicalLocation(at("sub/b.txt")));
-    const PathComparator equal = provider().getPathComparator(at(""));
-    EXPECT_TRUE(equal(u"a.txt", u"a.txt", CaseModifier::Sensitive));
-    EXPECT_FALSE(equal(u"a.txt", u"b.txt", CaseModifier::InSensitive));
-    EXPECT_TRUE(equal(u"A.txt", u"a.TXT", CaseModifier::InSensitive));
-    if (can().storageInfo) {
-        const ProviderStorageInfo info = provider().getProviderStorageInfo(at(""));
-        EXPECT_LE(info.getSpaceOccupied(), info.getStorageCapacity());
-    }
-    if (!can().publishing) {
-        EXPECT_THROW(provider().publishFolderEventsFor(at(""), [](auto&&...) {}, {events::Kind::EntryAdded},
-                                                       RecursiveFileWatching::NonRecursive),
-                     ChangeEventsNotSupportedException);
-    }
 }
 
 }  // namespace

@@ -94,38 +94,6 @@ private:
         std::make_shared<testsupport::FaultInjectingProvider>(store_, plan_, Defaults::Target), Defaults::Target);
 };
 
-// A flat poll trusts the folder's time: while it holds, the listing is skipped.
-TEST(SingleFolderChangePoller, ListsOnlyWhenTheKindsNeedIt) {
-    // Listings in a poll for kinds, recursion, whether the folder holds an entry and whether
-    // its time changed: only what the kinds need is read.
-    struct Row {
-        std::vector<Kind> kinds;
-        RecursiveChangePolling recursive;
-        bool withEntry;
-        bool touched;
-        int listings;
-    };
-    const auto deep = RecursiveChangePolling::Recursive;
-    for (const Row& row : {Row{{}, kFlat, true, true, 0},
-                           Row{{Kind::FolderChanged}, kFlat, true, true, 0},
-                           Row{{Kind::FolderChanged, Kind::EntryRemoved}, kFlat, true, false, 0},
-                           Row{{Kind::FolderChanged, Kind::EntryRemoved}, kFlat, true, true, 1},
-                           Row{{Kind::FolderChanged, Kind::EntryAdded}, deep, true, false, 1},
-                           Row{{Kind::FolderChanged, Kind::EntryAdded, Kind::EntryModified}, kFlat, true, false, 1},
-                           Row{{Kind::EntryAdded, Kind::EntryRemoved}, kFlat, true, false, 1},  // no folder time
-                           Row{{Kind::EntryAdded}, kFlat, false, false, 1}}) {                  // an empty snapshot
-        Folder other;
-        if (row.withEntry) other.put(u"a", kFile, 1);
-        Recorder ignored(other.location());
-        auto p = other.poller(ignored.callback(), row.kinds, row.recursive);
-        p->buildInitialSnapshot();
-        const int before = other.listings();
-        if (row.touched) other.setTime(5);
-        p->checkForChanges();
-        EXPECT_EQ(other.listings() - before, row.listings) << row.kinds.size() << " kinds, " << row.touched;
-    }
-}
-
 TEST(SingleFolderChangePoller, ComparesNamesAndTimesOnly) {
     // Kinds, a change made between two polls (an entry removed, one put), and what the second
     // poll publishes.

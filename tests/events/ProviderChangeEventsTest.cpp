@@ -63,27 +63,6 @@ TEST(ProviderChangeEvents, AStartThatCannotTakeItsFirstSnapshotRegistersNothing)
     EXPECT_NO_THROW(w.start(at(u"/missing"), w.first, {Kind::FolderVanished}, 1h));
 }
 
-TEST(ProviderChangeEvents, FirstRequestsCallbackPeriodAndKindsStay) {
-    Watched w;
-    w.start(at(u"/a"), w.first, {Kind::FolderChanged}, 1ms);
-    w.start(at(u"/a"), w.second, {Kind::EntryAdded}, 1h);
-    // /b asks for an hour and another callback, yet is polled every millisecond for the first.
-    w.start(at(u"/b"), w.second, {Kind::EntryAdded}, 1h);
-    EXPECT_TRUE(eventually([&] { return w.provider->count("doListAll /b") >= 3; }));
-    testsupport::put(*w.store, at(u"/b/y"), "y");
-    EXPECT_EQ(w.first.waitFor(1), Events{"EntryAdded /b/y file"});
-    EXPECT_EQ(w.second.take(), Events{});
-    EXPECT_EQ(w.provider->count("doListAll /a"), 0) << "/a keeps FolderChanged only";
-
-    // Stopping /a ends its polls while /b goes on.
-    w.provider->stopChangePollingMechanism(at(u"/a"));
-    w.provider->stopChangePollingMechanism(at(u"/never-watched"));
-    const int polledA = w.provider->count("doGetFolderAttributes /a");
-    const int polledB = w.provider->count("doListAll /b");
-    EXPECT_TRUE(eventually([&] { return w.provider->count("doListAll /b") >= polledB + 2; }));
-    EXPECT_EQ(w.provider->count("doGetFolderAttributes /a"), polledA);
-}
-
 // InstrumentedProvider does nothing special in its destructor, and the polling thread writes
 // its call log, which the destructor frees: no poll may call it once its destructor began.
 // It may go while polled, inside its own callback, or on another thread while the callback

@@ -6,7 +6,6 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -39,19 +38,14 @@ TEST(StorageItem, ComparesByProviderInstanceAndSkipsMissingExtensions) {
 class ConfigurableProvider : public testsupport::BasicStubProvider<IConfigurableProvider> {
 public:
     std::vector<ptree> configurations;
-    int shutdowns = 0;
-    std::function<void()> onConfigure;  // runs inside doConfigure, as onShutdown inside doShutdown
-    std::function<void()> onShutdown;
+    std::function<void()> onConfigure;  // runs inside doConfigure
 
 protected:
     void doConfigure(ptree configuration) override {
         configurations.push_back(std::move(configuration));
         if (onConfigure) onConfigure();
     }
-    void doShutdown() override {
-        ++shutdowns;
-        if (onShutdown) onShutdown();
-    }
+    void doShutdown() override {}
 };
 
 // Counts the blocks of shared providers still allocated: a block outlives its provider while
@@ -150,22 +144,6 @@ TEST(ProviderFactory, FailuresRememberNothing) {
     factory.failConfigure = false;
     EXPECT_EQ(configurable(factory.get(u"mem://a/")).configurations.size(), 1u);
     EXPECT_EQ(factory.builds, 5);
-}
-
-TEST(ProviderFactory, ShutdownStopsLiveProvidersAndForgetsThem) {
-    Factory factory;
-    const auto a = factory.get(u"mem://a/");
-    factory.get(u"mem://gone/");
-    // A provider may use its factory from inside its configure and its shutdown.
-    configurable(a).onConfigure = [&] { EXPECT_EQ(factory.get(u"mem://a/"), a); };
-    configurable(a).onShutdown = [&] { EXPECT_EQ(factory.get(u"mem://a/"), a); };
-    factory.configure(settings("1"));
-    factory.shutdownProvider();
-    EXPECT_EQ(configurable(a).shutdowns, 1);
-
-    // Forgotten although still held: the next request builds afresh.
-    EXPECT_NE(factory.get(u"mem://a/"), a);
-    EXPECT_EQ(factory.builds, 3);
 }
 
 }  // namespace

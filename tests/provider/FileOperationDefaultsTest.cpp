@@ -70,36 +70,6 @@ TEST(CopyFile, StreamFailuresCarryTheSourceAndBothStreamsAreClosed) {
     EXPECT_EQ(f.provider->count("close"), 2);
 }
 
-TEST(CopyFileAtomic, UnsupportedByDefaultAndNothingChanges) {
-    Fixture f;
-    testsupport::put(*f.store, at(u"/src"), "abc");
-    bool asked = false;
-    expectError(ErrorCode::UnsupportedOperation, at(u"/src"), [&] {
-        f.provider->copyFileAtomic(at(u"/src"), at(u"/dst"), ReplacementPolicy::Overwrite, [&asked] {
-            asked = true;
-            return InterruptSignal::Continue;
-        });
-    });
-    EXPECT_FALSE(asked);
-    EXPECT_FALSE(f.store->fileExists(at(u"/dst")));
-}
-
-TEST(TruncateToSize, DeliberateShortcuts) {
-    Fixture f;
-    // A short read still writes the whole buffer, zero-padded.
-    testsupport::put(*f.store, at(u"/f"), pattern(100));
-    f.provider->readLimit = [](long) { return 10L; };
-    f.provider->truncateToSize(at(u"/f"), 50);
-    EXPECT_EQ(f.content(u"/f"), pattern(10) + std::string(40, '\0'));
-
-    // A write of -1 ends the growth silently, leaving the file short.
-    f.provider->readLimit = nullptr;
-    f.provider->writeResult = [](long) -> std::optional<long> { return -1; };
-    f.provider->truncateToSize(at(u"/f"), 500000);
-    EXPECT_EQ(f.content(u"/f").size(), 50U);
-    expectError(ErrorCode::ResourceNotFound, at(u"/none"), [&] { f.provider->truncateToSize(at(u"/none"), 1); });
-}
-
 // Refused before the store sees it; a sibling whose name extends the folder's is no subtree.
 TEST(MoveFolder, RefusesTheFoldersOwnSubtreeBeforeReachingTheStore) {
     Fixture f;

@@ -61,26 +61,6 @@ TEST(ByteStreamFailure, KeepsItsCodeAndWords) {
     EXPECT_EQ(e.getExceptionContextsString(), u"Stream was not opened for writing.");
 }
 
-TEST(GenericTransactionalStream, ClosesOnceWhateverFollows) {
-    for (const auto first : {Commit, Abort}) {
-        Recorder recorder;
-        auto stream = recorder.open();
-        EXPECT_EQ(stream->write("xy", 2), 2);
-        stream->close(first);
-        stream->close(Commit);
-        stream->close(Abort);
-        stream.reset();  // the destructor's abort must find it closed
-        EXPECT_EQ(recorder.calls, Policies{first});
-        EXPECT_EQ(recorder.closes, 1);
-    }
-    // Unclosed, the destructor aborts and swallows a failure.
-    Recorder recorder;
-    recorder.open().reset();
-    EXPECT_EQ(recorder.calls, Policies{Abort});
-    recorder.action = [](const StreamClosePolicy&) { throw Exception(ErrorCode::IOError, kTarget); };
-    EXPECT_NO_THROW(recorder.open().reset());
-}
-
 TEST(GenericTransactionalStream, FailedCommitPassesOnAndCanBeRetriedOrAborted) {
     Recorder recorder;
     recorder.action = [&](const StreamClosePolicy& p) {
@@ -113,24 +93,6 @@ TEST(GenericTransactionalStream, AfterTheDataFailedToCloseOnlyAnAbortEndsIt) {
         stream->close(Abort);
         EXPECT_EQ(recorder.calls, Policies{Abort});
         EXPECT_EQ(recorder.closes, 1);
-    }
-}
-
-// A plain close commits, a close with a policy takes it, and a device that goes unclosed
-// aborts.
-TEST(TransactionalStreamDevice, PlainCloseCommitsPolicyCloseChoosesAndTheLastCopyAborts) {
-    const std::pair<std::function<void(const TransactionalStreamDevice&)>, StreamClosePolicy> rows[] = {
-        {[](auto& device) { device.close(); }, Commit},
-        {[](auto& device) { device.close(Abort); }, Abort},
-        {[](auto&) {}, Abort},
-    };
-    for (const auto& [end, expected] : rows) {
-        Recorder recorder;
-        {
-            auto stream = recorder.open();
-            end(TransactionalStreamDevice(stream));
-        }
-        EXPECT_EQ(recorder.calls, Policies{expected});
     }
 }
 
