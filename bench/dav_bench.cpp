@@ -3,7 +3,7 @@
 // listing a 10,000-file folder, reading 256 MiB, 1,000 sequential 1 KiB writes, 64 KiB reads at
 // random offsets of a 1 GiB file (p50 and p99 as counters), and one entry of a 50 MB,
 // 2,000-entry zip archive on the server (requests and bytes as the provider counts them, and
-// as the server's access log shows them).
+// as the server's access log shows them); and rclone's client listing the same folder.
 #include <curl/curl.h>
 #include <expat.h>
 #include <fcntl.h>
@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -137,6 +138,30 @@ void BM_List_CurlExpat(benchmark::State& state) {
         curl_slist_free_all(headers);
         XML_ParserFree(parser);
         if (responses != kListed + 1) state.SkipWithError("not every file listed");
+    }
+}
+
+// rclone's own WebDAV client listing the same folder as its users run it, one process per
+// listing; BM_Start_Rclone times the process alone (`rclone version`) to tell the two apart.
+int linesOf(const std::string& command) {
+    FILE* out = ::popen(command.c_str(), "r");
+    if (out == nullptr) return -1;
+    int lines = 0;
+    for (int c = std::fgetc(out); c != EOF; c = std::fgetc(out)) lines += c == '\n';
+    ::pclose(out);
+    return lines;
+}
+
+void BM_List_Rclone(benchmark::State& state) {
+    const std::string command = "rclone lsf --config /dev/null ':webdav,url=\"" + url("/list") + "\":' 2>/dev/null";
+    for (auto _ : state) {
+        if (linesOf(command) != kListed) state.SkipWithError("rclone did not list every file");
+    }
+}
+
+void BM_Start_Rclone(benchmark::State& state) {
+    for (auto _ : state) {
+        if (linesOf("rclone version 2>/dev/null") <= 0) state.SkipWithError("rclone did not start");
     }
 }
 
@@ -284,6 +309,8 @@ void BM_ZipEntry_Dav(benchmark::State& state) {
 // The machine is shared: few repetitions, each case's contenders one after the other.
 BENCHMARK(BM_List_Dav)->Unit(benchmark::kMillisecond)->Iterations(5);
 BENCHMARK(BM_List_CurlExpat)->Unit(benchmark::kMillisecond)->Iterations(5);
+BENCHMARK(BM_List_Rclone)->Unit(benchmark::kMillisecond)->Iterations(5)->UseRealTime();
+BENCHMARK(BM_Start_Rclone)->Unit(benchmark::kMillisecond)->Iterations(5)->UseRealTime();
 // Rates by the wall clock: the client mostly waits for the server.
 BENCHMARK(BM_Read256MiB_Dav)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
 BENCHMARK(BM_Read256MiB_Curl)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
