@@ -3,7 +3,8 @@
 // nested container IRI against Boost.URL's parse_uri (the limit: a parse that keeps no copy),
 // GIO's g_file_new_for_uri and Poco::URI; and 100,000 locations as keys of std::unordered_map
 // and std::map against the same texts as std::string keys (the limit), GFile keys of a
-// GHashTable and Poco::URI keys.
+// GHashTable and Poco::URI keys. The flat case puts ours and the limit in Boost's open-addressing
+// table, the kind of table a GHashTable is, so that it compares keys rather than containers.
 //
 // Benchmark names <case>/ours, <case>/peer:<who> and <case>/limit:<who> make the rows of
 // bench/report's table.
@@ -16,6 +17,7 @@
 
 #include <benchmark/benchmark.h>
 #include <boost/container_hash/hash.hpp>
+#include <boost/unordered/unordered_flat_map.hpp>
 #include <boost/url/parse.hpp>
 
 #include "storage/provider/StorageIRI.h"
@@ -320,6 +322,12 @@ const bool kMapKeysRegistered = [] {
     add("map_keys_unordered/limit:std::string", [](benchmark::State& state) {
         mapKeys<std::unordered_map<std::string, int>, std::string>(state, makeText);
     });
+    add("map_keys_flat/ours", [](benchmark::State& state) {
+        mapKeys<boost::unordered_flat_map<StorageIRI, int, std::hash<StorageIRI>>, StorageIRI>(state, makeLocation);
+    });
+    add("map_keys_flat/limit:std::string", [](benchmark::State& state) {
+        mapKeys<boost::unordered_flat_map<std::string, int, std::hash<std::string>>, std::string>(state, makeText);
+    });
     add("map_keys_ordered/ours", [](benchmark::State& state) {
         mapKeys<std::map<StorageIRI, int>, StorageIRI>(state, makeLocation);
     });
@@ -328,6 +336,7 @@ const bool kMapKeysRegistered = [] {
     });
 #if QKFL_BENCH_GIO
     add("map_keys_unordered/peer:GFile+GHashTable", gioHashTable);
+    add("map_keys_flat/peer:GFile+GHashTable", gioHashTable);
 #endif
 #if QKFL_BENCH_POCO
     add("map_keys_unordered/peer:Poco::URI", [](benchmark::State& state) {

@@ -1,5 +1,6 @@
 // Durable atomic replacement of a 4 KiB file, 1,000 times in one timed run: the local
-// provider's transactional stream against GIO's g_file_replace_contents and the sequence by
+// provider's transactional stream against GIO's g_file_replace_contents, GLib's durable
+// g_file_set_contents_full (the like-for-like peer: it also fsyncs the folder) and the sequence by
 // hand that is the least a durable replacement needs (the limit): write a scratch file,
 // fsync it, rename it over the target, fsync the folder.
 //
@@ -89,6 +90,20 @@ void gioReplaceContents(benchmark::State& state) {
     }
     g_object_unref(target);
 }
+
+// Consistent and durable: scratch file fsynced, renamed over the target, folder fsynced.
+void glibSetContentsDurable(benchmark::State& state) {
+    const std::vector<char> bytes = qkfl_bench::pattern(kSmallFile);
+    const std::string target = prepare("glib.bin", bytes);
+    const auto flags =
+        static_cast<GFileSetContentsFlags>(G_FILE_SET_CONTENTS_CONSISTENT | G_FILE_SET_CONTENTS_DURABLE);
+    for (auto _ : state) {
+        if (!g_file_set_contents_full(target.c_str(), bytes.data(), static_cast<gssize>(bytes.size()), flags, 0644,
+                                      nullptr)) {
+            state.SkipWithError("g_file_set_contents_full failed");
+        }
+    }
+}
 #endif
 
 }  // namespace
@@ -103,6 +118,7 @@ int main(int argc, char** argv) {
     add("durable_write_4KiB/limit:write+fsync+rename+fsync", durableWriteByHand);
 #if QKFL_BENCH_GIO
     add("durable_write_4KiB/peer:g_file_replace_contents", gioReplaceContents);
+    add("durable_write_4KiB/peer:g_file_set_contents_full(DURABLE)", glibSetContentsDurable);
 #endif
     return qkfl_bench::run(argc, argv);
 }
