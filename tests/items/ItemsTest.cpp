@@ -6,13 +6,16 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "fl/i18n/convert.h"
 #include "storage/provider/Extensions.h"
+#include "storage/provider/memory/MemoryProvider.h"
 #include "support/StubProvider.h"
+#include "support/TestIO.h"
 
 namespace foundation::storage::provider {
 namespace {
@@ -38,14 +41,19 @@ TEST(StorageItem, ComparesByProviderInstanceAndSkipsMissingExtensions) {
 class ConfigurableProvider : public testsupport::BasicStubProvider<IConfigurableProvider> {
 public:
     std::vector<ptree> configurations;
-    std::function<void()> onConfigure;  // runs inside doConfigure
+    int shutdowns = 0;
+    std::function<void()> onConfigure;  // runs inside doConfigure, as onShutdown inside doShutdown
+    std::function<void()> onShutdown;
 
 protected:
     void doConfigure(ptree configuration) override {
         configurations.push_back(std::move(configuration));
         if (onConfigure) onConfigure();
     }
-    void doShutdown() override {}
+    void doShutdown() override {
+        ++shutdowns;
+        if (onShutdown) onShutdown();
+    }
 };
 
 // Counts the blocks of shared providers still allocated: a block outlives its provider while
@@ -96,6 +104,22 @@ ptree settings(const std::string& value) {
     return tree;
 }
 
+// An item's members act on its own location through its provider.
+TEST(StorageItem, ActsOnItsLocationThroughItsProvider) {
+    const StorageItem folder(memory::makeMemoryProvider(), at(u"mem:///d"));
+    folder.createFolder();
+    StorageItem(folder, at(u"mem:///d/f.txt")).createFile();
+    const StorageItem sub(folder, at(u"mem:///d/s"));
+    sub.createFolder();
+    EXPECT_EQ(testsupport::namesOf(folder.listFiles(u"*")), std::vector<std::string>{"f.txt"});
+    EXPECT_EQ(testsupport::namesOf(folder.listFilesNamesOnly(u"*")), std::vector<std::string>{"f.txt"});
+    EXPECT_EQ(testsupport::namesOf(folder.listFolders(u"*")), std::vector<std::string>{"s/"});
+    EXPECT_EQ(testsupport::namesOf(folder.listFoldersNamesOnly(u"*")), std::vector<std::string>{"s/"});
+    EXPECT_EQ(sub.getParent(), folder);
+    sub.removeFolder();
+    EXPECT_FALSE(sub.folderExists());
+}
+
 TEST(ProviderFactory, SharesOneProviderPerKeyWhileHeldAndConfiguresTheLiveOnes) {
     Factory factory;
     const auto plain = factory.get(u"mem://counted/");  // held, and skipped: not configurable
@@ -144,6 +168,22 @@ TEST(ProviderFactory, FailuresRememberNothing) {
     factory.failConfigure = false;
     EXPECT_EQ(configurable(factory.get(u"mem://a/")).configurations.size(), 1u);
     EXPECT_EQ(factory.builds, 5);
+}
+
+TEST(ProviderFactory, ShutdownStopsLiveProvidersAndForgetsThem) {
+    Factory factory;
+    const auto a = factory.get(u"mem://a/");
+    factory.get(u"mem://gone/");
+    // A provider may use its factory from inside its configure and its shutdown.
+    configurable(a).onConfigure = [&] { EXPECT_EQ(factory.get(u"mem://a/"), a); };
+    configurable(a).onShutdown = [&] { EXPECT_EQ(factory.get(u"mem://a/"), a); };
+    factory.configure(settings("1"));
+    factory.shutdownProvider();
+    EXPECT_EQ(configurable(a).shutdowns, 1);
+
+    // Forgotten although still held: the next request builds afresh.
+    EXPECT_NE(factory.get(u"mem://a/"), a);
+    EXPECT_EQ(factory.builds, 3);
 }
 
 }  // namespace
