@@ -56,17 +56,4 @@ TEST(PathConversions, CanonicalizedLocationsResolveTheVolume) {
                                     "File path qkfl-surely/missing is not absolute.");
 }
 
-// The text after the last '+', wherever it stands: in a URL's path too.
-TEST(PathConversions, FilteringPrefixes) {
-    const std::pair<ustring, ustring> rows[] = {
-        {u"a+b+file", u"file"},
-        {u"file:///a.zip", u"file:///a.zip"},
-        {u"zip+file:///c++/notes.txt", u"/notes.txt"},
-    };
-    for (const auto& [text, physical] : rows) {
-        EXPECT_EQ(getPhysicalPartFromFilteringScheme(text), physical) << utf8(text);
-        EXPECT_EQ(getPhysicalURLFromFilteringURL(text), physical) << utf8(text);
-    }
-}
-
 }  // namespace

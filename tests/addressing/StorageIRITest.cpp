@@ -2,8 +2,10 @@
 
 #include <functional>
 #include <stdexcept>
+#include <tuple>
 #include <vector>
 
+#include <boost/functional/hash.hpp>
 #include <gtest/gtest.h>
 
 #include "foundation/core/except/Exception.h"
@@ -55,6 +57,35 @@ TEST(StorageIRI, ParsesText) {
         EXPECT_EQ(StorageIRI(iri.toString()), iri) << where;
     }
 }
+
+std::size_t asciiHash(const ustring& ascii) { return boost::hash_range(ascii.begin(), ascii.end()); }
+
+// A child location keeps only its text until asked for more: it compares, hashes and answers
+// as the location parsed from that text, whichever is asked first. Names are decoded text:
+// escapes and delimiters in them stay part of the name.
+TEST(StorageIRI, ChildLocationsAreTheirText) {
+    const std::tuple<ustring, ustring, ustring> rows[] = {
+        {u"file:///a/b", u"/", u"file:///"},
+        {u"file:///a/b", u"//a//", u"file:///a//"},
+        {u"file:///a/", u"c/", u"file:///a/c"},
+        {u"http://user@host:8080/p?q=1#f", u"r s", u"http://user@host:8080/p/r%20s?q=1#f"},
+        {u"zip:file:///c.zip!/", u"b", u"zip:file:///c.zip!/b"},
+        {u"file:///a", u"50% off?#[1]", u"file:///a/50%25%20off%3F%23%5B1%5D"},
+        {u"file:///caf%C3%A9", u"日本 é/./x", u"file:///café/日本%20é/./x"},
+        {u"file:///a", u"b\xDCE9", u"file:///a/b%E9"},  // a byte that was not UTF-8 is that byte
+    };
+    for (const auto& [base, relative, text] : rows) {
+        const std::string where = utf8(base) + " + " + utf8(relative);
+        const StorageIRI parsed(text);
+        const StorageIRI fresh(StorageIRI(base), relative);
+        EXPECT_EQ(fresh.hashValue(), asciiHash(parsed.toAsciiString())) << where;
+        EXPECT_TRUE(fresh == parsed && parsed == fresh && !(fresh < parsed) && !(parsed < fresh)) << where;
+        EXPECT_EQ(fresh.toString(), text) << where;
+        EXPECT_EQ(fresh.getName(), parsed.getName()) << where;
+        EXPECT_EQ(StorageIRI(fresh, u"z").toString(), StorageIRI(parsed, u"z").toString()) << where;
+    }
+}
+
 
 // Every parent is shorter than its child, so walking up ends; a doubled '/' before the name
 // goes with it, so the parent is still an ancestor.

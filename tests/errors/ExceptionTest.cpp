@@ -4,7 +4,6 @@
 #include <string>
 
 #include <gtest/gtest.h>
-#include <boost/exception/get_error_info.hpp>
 
 namespace foundation::storage::provider {
 namespace {
@@ -12,7 +11,6 @@ namespace {
 using foundation::core::except::IException;
 
 const StorageIRI kLocation(u"mem:///a/b.txt");
-using ExtraInfo = boost::error_info<struct TagExtra, int>;
 
 // Each exception type names itself in what() and describes itself with its location (and code);
 // a clone, made and rethrown inside the library, is caught by the same type here.
@@ -37,26 +35,6 @@ TEST(Exception, EachTypeDescribesItselfAndTravelsAsItself) {
                     u", ErrorCode=\"Unhandled ErrorCode\"");
     expectDescribed(ChangeEventsNotSupportedException(kLocation), "ChangeEventsNotSupportedException", u"");
     expectDescribed(ChangeEventsSubscriptionException(kLocation), "ChangeEventsSubscriptionException", u"");
-}
-
-// Copies, clones and assigned exceptions own their contexts and payload records, so that one
-// may travel to another thread while the original changes or goes.
-TEST(Exception, CopiesOwnTheirContextsAndPayload) {
-    const Exception original(ErrorCode::PermissionDenied, kLocation);
-    original.pushExceptionContext(ExceptionContext(u"opening"));
-    const std::unique_ptr<IException> clone(original.clone());
-    auto& copy = dynamic_cast<Exception&>(*clone);
-    copy.popExceptionContext();
-    copy << ExtraInfo(7);
-    EXPECT_EQ(original.getExceptionContextsString(), u"opening");
-    EXPECT_EQ(boost::get_error_info<ExtraInfo>(original), nullptr);
-
-    Exception assigned(ErrorCode::Unknown, StorageIRI(u"mem:///other"));
-    assigned = original;
-    assigned << ExtraInfo(8);
-    EXPECT_EQ(assigned.getErrorCode(), ErrorCode::PermissionDenied);
-    EXPECT_EQ(assigned.getExceptionContextsString(), u"opening");
-    EXPECT_EQ(boost::get_error_info<ExtraInfo>(original), nullptr);
 }
 
 }  // namespace

@@ -6,16 +6,13 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "fl/i18n/convert.h"
 #include "storage/provider/Extensions.h"
-#include "storage/provider/memory/MemoryProvider.h"
 #include "support/StubProvider.h"
-#include "support/TestIO.h"
 
 namespace foundation::storage::provider {
 namespace {
@@ -102,22 +99,6 @@ ptree settings(const std::string& value) {
     ptree tree;
     tree.put("cache.size", value);
     return tree;
-}
-
-// An item's members act on its own location through its provider.
-TEST(StorageItem, ActsOnItsLocationThroughItsProvider) {
-    const StorageItem folder(memory::makeMemoryProvider(), at(u"mem:///d"));
-    folder.createFolder();
-    StorageItem(folder, at(u"mem:///d/f.txt")).createFile();
-    const StorageItem sub(folder, at(u"mem:///d/s"));
-    sub.createFolder();
-    EXPECT_EQ(testsupport::namesOf(folder.listFiles(u"*")), std::vector<std::string>{"f.txt"});
-    EXPECT_EQ(testsupport::namesOf(folder.listFilesNamesOnly(u"*")), std::vector<std::string>{"f.txt"});
-    EXPECT_EQ(testsupport::namesOf(folder.listFolders(u"*")), std::vector<std::string>{"s/"});
-    EXPECT_EQ(testsupport::namesOf(folder.listFoldersNamesOnly(u"*")), std::vector<std::string>{"s/"});
-    EXPECT_EQ(sub.getParent(), folder);
-    sub.removeFolder();
-    EXPECT_FALSE(sub.folderExists());
 }
 
 TEST(ProviderFactory, SharesOneProviderPerKeyWhileHeldAndConfiguresTheLiveOnes) {

@@ -679,6 +679,14 @@ TEST_F(LocalEventsTest, RecursiveWatchingFollowsFoldersCreatedLaterUntilItsFolde
     ASSERT_TRUE(log.waitFor("EntryAdded marker file"));
     EXPECT_FALSE(log.mentions("link/x"));
 
+    // A subfolder moved out takes its watches along: what happens in it is heard no more.
+    ASSERT_EQ(::rename(path("w/n").c_str(), path("outside/n").c_str()), 0);
+    ASSERT_TRUE(log.waitFor("EntryRemoved n folder"));
+    writeFile(path("outside/n/m/h"), "h");
+    writeFile(path("w/marker2"), "m");
+    ASSERT_TRUE(log.waitFor("EntryAdded marker2 file"));
+    EXPECT_FALSE(log.mentions("n/m/h"));
+
     writeFile(path("w/watched"), "1");
     ASSERT_TRUE(file.waitFor("EntryAdded watched file"));
     EXPECT_FALSE(file.mentions("marker")) << "a file's watch hears of that file alone";
