@@ -32,10 +32,11 @@ cmake --build "$build" -- -j"$jobs" || exit 2
 # Counters of an earlier run would add to this one.
 find "$build" -name '*.gcda' -delete
 
-# packaging.exports is left out: the gcov runtime linked into the library exports symbols of
-# its own (__gcov_*), which that test rightly refuses.
+# packaging.exports and consumer.find_package are left out: the gcov runtime linked into the
+# library exports symbols of its own (__gcov_*), which the first rightly refuses and which the
+# installed package's consumer, built without --coverage, cannot resolve.
 tests_ok=1
-ctest --test-dir "$build" -j "$jobs" -E '^packaging\.exports$' --output-on-failure --timeout 600 \
+ctest --test-dir "$build" -j "$jobs" -E '^(packaging\.exports|consumer\.find_package)$' --output-on-failure --timeout 600 \
   >"$build/ctest.log" 2>&1 || tests_ok=0
 grep -E '^[0-9]+% tests passed|^\s+[0-9]+ - .*\((Failed|Timeout|SEGFAULT|Subprocess|Exception)' \
   "$build/ctest.log"
