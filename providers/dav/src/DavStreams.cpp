@@ -11,6 +11,7 @@ namespace {
 
 constexpr std::size_t kFirstChunk = 64 * 1024;
 constexpr std::size_t kLargestChunk = 8 * 1024 * 1024;
+constexpr const char* kChanged = "the file changed on the server while it was read";
 
 // Entity tags compared weakly: "W/" marks a weak tag of the same value.
 std::string weak(std::string tag) { return tag.rfind("W/", 0) == 0 ? tag.substr(2) : tag; }
@@ -67,9 +68,7 @@ bool ReadStream::fill(std::size_t count) {
         return false;
     }
     if (!response.ok()) fail(errorCodeOf(response), response.describe());
-    if (!etag_.empty() && !response.etag.empty() && weak(response.etag) != weak(etag_)) {
-        fail(ErrorCode::IOError, "the file changed on the server while it was read");
-    }
+    if (changed(response)) fail(ErrorCode::IOError, kChanged);
     if (etag_.empty()) etag_ = response.etag;
     learnSize(response);
     buffer_ = std::move(data);
@@ -79,6 +78,10 @@ bool ReadStream::fill(std::size_t count) {
         return false;
     }
     return true;
+}
+
+bool ReadStream::changed(const Response& response) const {
+    return !etag_.empty() && !response.etag.empty() && weak(response.etag) != weak(etag_);
 }
 
 void ReadStream::learnSize(const Response& response) {
@@ -110,9 +113,9 @@ long ReadStream::stream(char* buffer, long count) {
     const long n = download_->read(buffer, count);
     if (n > 0 && starting) {
         const Response& response = download_->response();
-        if (!etag_.empty() && !response.etag.empty() && weak(response.etag) != weak(etag_)) {
+        if (changed(response)) {
             download_.reset();
-            fail(ErrorCode::IOError, "the file changed on the server while it was read");
+            fail(ErrorCode::IOError, kChanged);
         }
         // A server that ignores the range sends the file from its start: ranges skip that.
         const bool whole = position_ == 0 && response.status == 200;

@@ -32,6 +32,8 @@ private:
     // the last range ended. 0 when this read is not sequential or the GET failed or ended:
     // ranges, with their retries and error reports, then take over.
     long stream(char* buffer, long count);
+    // Whether an answer's entity tag says the file is no longer the one this stream began on.
+    bool changed(const Response& response) const;
     // Takes the file's size from a 206 answer's Content-Range.
     void learnSize(const Response& response);
     [[noreturn]] void fail(ErrorCode code, const std::string& why) const;

@@ -89,6 +89,12 @@ int onProgress(void* user, curl_off_t, curl_off_t received, curl_off_t, curl_off
     return transfer->stalled ? 1 : 0;
 }
 
+// The start of an answer that is no success, kept for the error report.
+void keepFailureBody(Response& response, const char* data, std::size_t n) {
+    constexpr std::size_t kKept = 64 * 1024;
+    if (response.body.size() < kKept) response.body.append(data, std::min(n, kKept - response.body.size()));
+}
+
 std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user) {
     auto* transfer = static_cast<Transfer*>(user);
     const std::size_t n = size * count;
@@ -102,8 +108,7 @@ std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user) 
         }
         return n;
     }
-    constexpr std::size_t kKept = 64 * 1024;
-    if (response.body.size() < kKept) response.body.append(data, std::min(n, kKept - response.body.size()));
+    keepFailureBody(response, data, n);
     return n;
 }
 
@@ -429,9 +434,7 @@ struct Download::State {
         const std::size_t n = size * count;
         const long status = state->response.status;
         if (status < 200 || status >= 300) {
-            constexpr std::size_t kKept = 64 * 1024;
-            std::string& body = state->response.body;
-            if (body.size() < kKept) body.append(data, std::min(n, kKept - body.size()));
+            keepFailureBody(state->response, data, n);
             return n;
         }
         const std::size_t direct = std::min(n, state->room);
