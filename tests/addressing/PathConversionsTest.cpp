@@ -32,6 +32,17 @@ TEST(PathConversions, FileSystemPathsToLocations) {
     EXPECT_EQ(toStorageIRI(u"file", basic_path(u"")).toString(), u"file://");
     expectThrow<std::runtime_error>([] { toStorageIRI(u"file", basic_path(u"./a")); }, "File path ./a is not absolute.");
     EXPECT_THROW(fromStorageIRI(StorageIRI(u"zip:file:///a.zip!/b")), std::logic_error);
+    // A filtering scheme's (or URL's) physical part follows its last '+'.
+    EXPECT_EQ(getPhysicalPartFromFilteringScheme(u"enc+gz+file") + getPhysicalPartFromFilteringScheme(u"mem"), u"filemem");
+    EXPECT_EQ(getPhysicalURLFromFilteringURL(u"enc+file:///a+b"), u"b");
+}
+
+// One trailing '/' (or escaped '%2F') leaves a path; other escapes stay as they are.
+TEST(PathConversions, CanonicalIRIsLoseOneTrailingSlash) {
+    for (const auto& [text, canonical] : {std::pair{u"file:///a%20b/", u"file:///a%20b"}, {u"file:///a%2F", u"file:///a"},
+                                          {u"mem:x/", u"mem:x"}, {u"file:///", u"file:///"}, {u"file:///a", u"file:///a"}}) {
+        EXPECT_EQ(detail::canonicalize(foundation::network::IRI(text)).toString(), canonical) << utf8(text);
+    }
 }
 
 // Dot segments are resolved on the volume; each failure carries the code of its cause and

@@ -90,12 +90,13 @@ TEST_P(ProviderConformance, ReadListings) {
         for (const std::string& name : expected) EXPECT_EQ(listed.count(name), 1U) << name;
         for (const std::string& name : listed) EXPECT_EQ(all.count(name), 1U) << name;
     };
-    matching(p.listAll(root, u"*.txt"), {"a.txt"});
-    matching(p.listFiles(root, u"*.bin"), {"empty.bin"});
-    matching(p.listFolders(root, u"s*"), {"sub/"});
-    matching(p.listAllNamesOnly(root, u"*"), all);
-    matching(p.listFilesNamesOnly(root, u"?.txt"), {"a.txt"});
-    matching(p.listFoldersNamesOnly(root, u"empty*"), {"emptyfolder/"});
+    const StorageItem top = item("");  // as an application lists
+    matching(top.listAll(u"*.txt"), {"a.txt"});
+    matching(top.listFiles(u"*.bin"), {"empty.bin"});
+    matching(top.listFolders(u"s*"), {"sub/"});
+    matching(top.listAllNamesOnly(u"*"), all);
+    matching(top.listFilesNamesOnly(u"?.txt"), {"a.txt"});
+    matching(top.listFoldersNamesOnly(u"empty*"), {"emptyfolder/"});
 
     // Entries that carry attributes carry the right ones.
     auto listing = p.listFiles(at("sub"));

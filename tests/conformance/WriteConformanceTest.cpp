@@ -107,7 +107,8 @@ TEST_P(ProviderConformance, WriteChangesInTurn) {
         {[&] { p.createFile(at("new.txt")); }, {{"new.txt", ""}}},
         {[&] { p.createFolder(at("newfolder")); }, {{"newfolder/", ""}}},
         {[&] { p.removeFile(at("new.txt")); }, {{"new.txt", "-"}}},
-        {[&] { p.removeFolder(at("newfolder")); }, {{"newfolder/", "-"}}},
+        {[&] { item("newfolder").removeFolder(); }, {{"newfolder/", "-"}}},
+        {[&] { item("a.txt").copyFile(item("copied.txt"), R::NoClobber); }, {{"copied.txt", "alpha"}}},
         {[&] { p.createFolderRecursive(at("x/y")); }, {{"x/", ""}, {"x/y/", ""}}},
         {[&] { p.createFolderRecursive(at("sub/deeper/more")); }, {{"sub/deeper/more/", ""}}},
         {[&] { p.moveFile(at("a.txt"), at("moved.txt"), R::Preserve); }, {{"a.txt", "-"}, {"moved.txt", "alpha"}}},
@@ -165,7 +166,12 @@ TEST_P(ProviderConformance, WriteStreamOptions) {
     const auto put = [](const char* text) { return [text](ByteStream& s) { EXPECT_EQ(s.write(text, 2), 2); }; };
     const std::vector<Row> rows{
         {{A::ReadWrite, C::Create, T::TruncateExisting, P::Overwrite}, "-", put("xy"), "xy"},
-        {{A::ReadWrite, C::Create, T::PreserveExisting, P::Overwrite}, "hello", put("HE"), "HEllo"},
+        {{A::ReadWrite, C::Create, T::PreserveExisting, P::Overwrite}, "hello",
+         [&put](ByteStream& s) {
+             put("HE")(s);
+             EXPECT_EQ(testsupport::readAll(s), "llo") << "reads go on where the write ended";
+         },
+         "HEllo"},
         {{A::WriteOnly, C::NeverCreate, T::PreserveExisting, P::Append}, "hello", put("!!"), "hello!!"},
         {{A::ReadWrite, C::NeverCreate, T::PreserveExisting, P::Append}, "hello",
          [](ByteStream& s) {
@@ -189,7 +195,7 @@ TEST_P(ProviderConformance, WriteAttributes) {
     if (!can().writable) GTEST_SKIP() << "read-only";
     const StorageIRI file = at("a.txt");
     if (can().setWritable) {
-        provider().setWritable(file, false);
+        item("a.txt").setWritable(false);
         EXPECT_FALSE(provider().getFileAttributes(file).isWritable());
         expectError(E::PermissionDenied, file, [&] { provider().openStream(file, kReplace); });
         EXPECT_EQ(read("a.txt"), "alpha");
@@ -381,7 +387,7 @@ TEST_P(ProviderConformance, WriteWatchersAgreeOnEachChange) {
     provider().startChangePollingMechanism(at("w"), polled.callback(), kinds, std::chrono::milliseconds(5),
                                            RecursiveChangePolling::NonRecursive);
     if (can().publishing) {
-        provider().publishFolderEventsFor(at("w"), native.callback(), kinds, RecursiveFileWatching::NonRecursive);
+        item("w").publishFolderEvents(native.callback(), kinds, RecursiveFileWatching::NonRecursive);
     }
     for (const Step& step : script) {
         // With whole-second times a change is seen only in a later second than the last one.
@@ -396,7 +402,7 @@ TEST_P(ProviderConformance, WriteWatchersAgreeOnEachChange) {
         }
     }
     provider().stopChangePollingMechanism(at("w"));
-    provider().stopPublishingFolderEventsFor(at("w"));
+    item("w").stopPublishingFolderEvents();
 }
 
 }  // namespace

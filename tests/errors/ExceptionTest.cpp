@@ -20,6 +20,9 @@ void expectDescribed(const E& e, const char* type, const std::u16string& fields)
     const std::string name(type);
     EXPECT_EQ(e.ToUstringImpl(), u"foundation::storage::provider::" + std::u16string(name.begin(), name.end()) +
                                      u"{StorageIRI=\"mem:///a/b.txt\"" + fields + u"}");
+    E assigned(e);
+    assigned = e;  // an assignment, like a copy, owns its payload record
+    EXPECT_EQ(assigned.getStorageIRI(), kLocation) << type;
     const std::unique_ptr<IException> clone(e.clone());
     try {
         clone->rethrow();
@@ -35,6 +38,21 @@ TEST(Exception, EachTypeDescribesItselfAndTravelsAsItself) {
                     u", ErrorCode=\"Unhandled ErrorCode\"");
     expectDescribed(ChangeEventsNotSupportedException(kLocation), "ChangeEventsNotSupportedException", u"");
     expectDescribed(ChangeEventsSubscriptionException(kLocation), "ChangeEventsSubscriptionException", u"");
+}
+
+// Contexts stack up front first, travel with an assigned copy and pop from the top.
+TEST(Exception, ContextsStackFromTheTop) {
+    Exception e(ErrorCode::IOError, kLocation);
+    e.popExceptionContext();
+    EXPECT_FALSE(e.topExceptionContext());
+    Exception copy(ErrorCode::Unknown, StorageIRI(u"mem:///x"));
+    copy = addExceptionContext(addExceptionContext(e, u"open"), u"copy");
+    EXPECT_EQ(copy.getErrorCode(), ErrorCode::IOError);
+    EXPECT_EQ(copy.getExceptionContextsString(), u"copy:open");
+    EXPECT_EQ(copy.topExceptionContext()->getExceptionContextKey(), u"copy");
+    copy.popExceptionContext();
+    EXPECT_EQ(copy.getExceptionContextsString(), u"open");
+    EXPECT_EQ(e.getAllExceptionContexts().size(), 2U);
 }
 
 }  // namespace

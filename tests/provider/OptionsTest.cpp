@@ -1,4 +1,6 @@
 #include "storage/provider/Options.h"
+#include "storage/provider/ChangeEvents.h"
+#include "storage/provider/ErrorCode.h"
 
 #include <functional>
 #include <sstream>
@@ -37,6 +39,9 @@ TEST(Options, EnumerationsPrintTheirOwnTexts) {
         {print<TransactionPolicy>, {"TransactionPolicy::NonAtomic", "TransactionPolicy::Atomic", ""}},
         {print<TransactionStatus>, {"TransactionStatus::Completed", "TransactionStatus::Aborted", ""}},
         {print<ExistenceType>, {"AsFile", "AsFolder", "AsNeither", "!"}},
+        {print<ErrorCode>, {"ErrorCode::FolderNotEmpty", "ErrorCode::InvalidLocation", "ErrorCode::PermissionDenied", "ErrorCode::ResourceAlreadyExists", "ErrorCode::ResourceNotFound", "ErrorCode::FileTooLarge", "ErrorCode::ResourceInUse", "ErrorCode::ReadOnlyProvider", "ErrorCode::NoSpaceLeft", "ErrorCode::IOError", "ErrorCode::InternalError", "ErrorCode::UnsupportedOperation", "ErrorCode::Unknown", "Unhandled ErrorCode"}},
+        {print<events::Kind>, {"Kind::FolderChanged", "Kind::FolderVanished", "Kind::EntryAdded", "Kind::EntryModified", "Kind::EntryRemoved", ""}},
+        {print<events::EntryType>, {"EntryType::File", "EntryType::Folder", ""}},
         {print<ExistenceTypeExtended>, {"RegularFile", "SpecialFile", "RegularFolder", "SymlinkToFile", "SymlinkToFolder", "BrokenSymlink", "None", ""}},
     };
     for (const auto& [printed, texts] : rows) {

@@ -659,7 +659,7 @@ TEST_F(LocalEventsTest, RecursiveWatchingFollowsFoldersCreatedLaterUntilItsFolde
     EventLog& log = newLog("w");
     provider_->publishFolderEventsFor(at("w"), log.callback(), kAll, RecursiveFileWatching::Recursive);
     EventLog& file = newLog("w");  // one file's watch in the same folder
-    provider_->publishFileEventsFor(at("w/watched"), file.callback(), kAll);
+    StorageItem(provider_, at("w/watched")).publishFileEvents(file.callback(), kAll);
 
     // Created faster than a watch can be added: found when the new folder is taken in.
     makeFolder("w/n");

@@ -154,6 +154,11 @@ TEST(ZipProvider, ReadsTheContainerOnceAndNoticesItChange) {
     EXPECT_EQ(namesOf(zip->listAll(root)), Names{"two.txt"});
     invalidateProvider(StorageItem(zip, ziptest::zipLocation(file, "/two.txt")));
     EXPECT_EQ(namesOf(zip->listAll(root)), Names{"one.txt"});
+    // The same, invalidated through the container's own location.
+    ziptest::put(*store, file, second);
+    store->setLastModified(file, time);
+    zip->invalidate(file);
+    EXPECT_EQ(namesOf(zip->listAll(root)), Names{"two.txt"});
     // A stream opened before keeps its archive.
     EXPECT_EQ(readAll(*open), "1111");
 }
