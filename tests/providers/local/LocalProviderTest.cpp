@@ -32,7 +32,7 @@
 
 namespace {
 std::atomic<bool> hideMountIds{false};
-std::atomic<bool> noExclusiveRenameNorLinks{false};
+std::atomic<int> olderFileSystem{0};  // 1: no exclusive renames; 2: nor hard links
 std::atomic<bool> failNextFsync{false};
 
 template <class F>
@@ -42,7 +42,7 @@ F* real(const char* name) {
 }  // namespace
 
 // This program's statx(2), link(2), renameat2(2) and fsync(2): when armed, they act as on an
-// older kernel (no mount ids), a file system without hard links or exclusive renames, or a
+// older kernel (no mount ids), a file system without exclusive renames (or hard links), or a
 // disk that lost the data (fsync fails once with EIO).
 extern "C" int statx(int dir, const char* path, int flags, unsigned mask, struct statx* out) noexcept {
     const int result = real<int(int, const char*, int, unsigned, struct statx*)>("statx")(dir, path, flags, mask, out);
@@ -50,12 +50,12 @@ extern "C" int statx(int dir, const char* path, int flags, unsigned mask, struct
     return result;
 }
 extern "C" int link(const char* from, const char* to) noexcept {
-    if (!noExclusiveRenameNorLinks) return real<int(const char*, const char*)>("link")(from, to);
+    if (olderFileSystem < 2) return real<int(const char*, const char*)>("link")(from, to);
     errno = EPERM;
     return -1;
 }
 extern "C" int renameat2(int fromDir, const char* from, int toDir, const char* to, unsigned flags) noexcept {
-    if (!noExclusiveRenameNorLinks) {
+    if (olderFileSystem == 0) {
         return real<int(int, const char*, int, const char*, unsigned)>("renameat2")(fromDir, from, toDir, to, flags);
     }
     errno = EINVAL;
@@ -361,6 +361,10 @@ TEST_F(LocalProviderTest, OtherFileSystemsBelow) {
     std::filesystem::create_directories(path("moving/sub"));
     writeFile(path("moving/sub/leaf"), "leaf");
     ASSERT_EQ(::symlink("sub/leaf", path("moving/link").c_str()), 0);
+    ASSERT_EQ(::mkfifo(path("moving/pipe").c_str(), 0600), 0);
+    ASSERT_EQ(::symlink("/etc/hostname", path("alias").c_str()), 0);
+    provider_->moveFile(at("alias"), at("small/alias"), ReplacementPolicy::NoClobber);  // the link, not its target
+    EXPECT_EQ(provider_->existsExtended(at("small/alias")), ExistenceTypeExtended::SymlinkToFile);
     provider_->moveFile(at("file"), at("small/file"), ReplacementPolicy::NoClobber);
     provider_->moveFolder(at("moving"), at("small/tree"), ReplacementPolicy::Preserve);
     EXPECT_EQ(test::modeOf(path("small/file")), 0604U);
@@ -368,6 +372,7 @@ TEST_F(LocalProviderTest, OtherFileSystemsBelow) {
               boost::posix_time::from_time_t(1500000000) + boost::posix_time::microseconds(500000));
     EXPECT_EQ(provider_->existsExtended(at("small/tree/link")), ExistenceTypeExtended::SymlinkToFile);
     EXPECT_EQ(readFile(path("small/tree/link")), "leaf");
+    EXPECT_EQ(provider_->existsExtended(at("small/tree/pipe")), ExistenceTypeExtended::SpecialFile);
     EXPECT_FALSE(std::filesystem::exists(path("moving")));
 
     // Full: no partial copy or scratch file, the old content kept.
@@ -390,7 +395,7 @@ TEST_F(LocalProviderTest, OtherFileSystemsBelow) {
     auto transaction = provider_->openTransactionalStream(at("small/keep"), kReplace);
     EXPECT_THROW(transaction->write(big.data(), static_cast<long>(big.size())), ByteStreamFailure);
     transaction.reset();
-    EXPECT_EQ(test::namesIn(path("small")), (std::vector<std::string>{"file", "keep", "tree"}));
+    EXPECT_EQ(test::namesIn(path("small")), (std::vector<std::string>{"alias", "file", "keep", "tree"}));
     EXPECT_EQ(readFile(path("small/keep")), "old");
 
     ASSERT_EQ(test::mountFailure(nullptr, path("small"), nullptr, MS_REMOUNT | MS_RDONLY), std::nullopt);
@@ -398,19 +403,24 @@ TEST_F(LocalProviderTest, OtherFileSystemsBelow) {
     bad(ErrorCode::ReadOnlyProvider, "small/keep", [&] { provider_->removeFile(at("small/keep")); });
 }
 
-// Without exclusive renames or hard links, a move that must not replace claims the name with
-// an empty file first and renames onto it.
-TEST_F(LocalProviderTest, MovesWithoutReplacingWhereNoLinksCanBeMade) {
+// Without exclusive renames, a move that must not replace claims the name first: by a hard
+// link where it can, else with an empty file (or folder) that rename may replace.
+TEST_F(LocalProviderTest, MovesWithoutReplacingOnOlderFileSystems) {
     writeFile(path("a"), "a");
     writeFile(path("taken"), "t");
-    noExclusiveRenameNorLinks = true;
-    provider_->moveFile(at("a"), at("b"), ReplacementPolicy::NoClobber);
-    const ErrorCode taken = errorOf([&] { provider_->moveFile(at("b"), at("taken"), ReplacementPolicy::Preserve); });
-    noExclusiveRenameNorLinks = false;
-    EXPECT_EQ(taken, ErrorCode::ResourceAlreadyExists);
-    EXPECT_EQ(test::namesIn(folder_.path()), (std::vector<std::string>{"b", "taken"}));
-    EXPECT_EQ(readFile(path("b")), "a");
-    EXPECT_EQ(readFile(path("taken")), "t");
+    makeFolder("d");
+    for (const int older : {1, 2}) {
+        olderFileSystem = older;
+        provider_->moveFile(at("a"), at("b"), ReplacementPolicy::NoClobber);
+        provider_->moveFolder(at("d"), at("e"), ReplacementPolicy::NoClobber);
+        const ErrorCode taken = errorOf([&] { provider_->moveFile(at("b"), at("taken"), ReplacementPolicy::Preserve); });
+        olderFileSystem = 0;
+        EXPECT_EQ(taken, ErrorCode::ResourceAlreadyExists) << older;
+        EXPECT_EQ(test::namesIn(folder_.path()), (std::vector<std::string>{"b", "e", "taken"})) << older;
+        EXPECT_EQ(readFile(path("b")) + readFile(path("taken")), "at") << older;
+        provider_->moveFile(at("b"), at("a"), ReplacementPolicy::NoClobber);
+        provider_->moveFolder(at("e"), at("d"), ReplacementPolicy::NoClobber);
+    }
 }
 
 TEST_F(LocalProviderTest, FlushesOnlyWhatItReaches) {
