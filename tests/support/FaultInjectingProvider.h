@@ -230,12 +230,6 @@ protected:
         if (here("doOpenTransactionalStream")) return stream;
         return std::make_unique<Transaction>(std::move(stream), *this, l);
     }
-    std::unique_ptr<TransactionalStream> doOpenTransactionalStreamAtScratchLocation(
-        const StorageIRI& l, const StorageIRI& s, const ByteStreamOpenOptions& o) const override {
-        auto stream = ForwardingProvider::doOpenTransactionalStreamAtScratchLocation(l, s, o);
-        if (here("doOpenTransactionalStreamAtScratchLocation")) return stream;
-        return std::make_unique<Transaction>(std::move(stream), *this, l);
-    }
     std::unique_ptr<IFolderEntryIterator> doListAll(const StorageIRI& f) const override {
         return std::make_unique<Entries>(ForwardingProvider::doListAll(f), *this, f);
     }
