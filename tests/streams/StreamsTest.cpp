@@ -50,11 +50,9 @@ struct Recorder {
     }
 };
 
-// A write through a read-only stream fails; reported at a location, the failure keeps its code
-// and its own words, without the iostream's.
+// Reported at a location, a stream failure keeps its code and its own words, without the
+// iostream's.
 TEST(ByteStreamFailure, KeepsItsCodeAndWords) {
-    std::unique_ptr<ByteStream> inner = std::make_unique<Sink>();
-    EXPECT_THROW(SafeByteStream::openReadOnly(inner)->write("x", 1), ByteStreamWriteFailure);
     const Exception e = streamFailureAt(ByteStreamWriteFailure(), kTarget);
     EXPECT_EQ(e.getErrorCode(), ErrorCode::IOError);
     EXPECT_EQ(e.getStorageIRI(), kTarget);

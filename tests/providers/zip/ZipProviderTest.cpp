@@ -98,7 +98,6 @@ TEST(ZipProvider, MatchesItsOwnWildcards) {
     const auto archive = ziptest::inMemory(ziptest::zipOf(
         {{"a.txt"}, {"b.txt"}, {"data.bin"}, {"[set].txt"}, {"\xC3\xA9t\xC3\xA9.txt"}, {"sub/deep/empty.txt"}}));
     const std::pair<const char16_t*, Names> rows[] = {
-        {u"?.txt", {"a.txt", "b.txt"}},
         {u"[ab].txt", {"a.txt", "b.txt"}},
         {u"[!ab]*", {"[set].txt", "data.bin", "sub/", "\xC3\xA9t\xC3\xA9.txt"}},
         {u"\\[set\\].txt", {"[set].txt"}},
@@ -261,14 +260,6 @@ std::string withField(std::string archive, std::size_t entry, int central, int l
     return archive;
 }
 
-// Replaces the bytes `from` by `to` (same length) wherever they occur.
-std::string replaced(std::string archive, const std::string& from, const std::string& to) {
-    for (std::size_t at = archive.find(from); at != std::string::npos; at = archive.find(from, at + to.size())) {
-        archive.replace(at, from.size(), to);
-    }
-    return archive;
-}
-
 // The archive with its central directory record of entry 0 repeated `copies` times, so that
 // every copy names the same data.
 std::string withRepeatedEntry(const std::string& archive, std::size_t copies) {
@@ -308,12 +299,13 @@ std::string withZip64Count(const std::string& archive, std::uint64_t entries) {
 }
 
 TEST(ZipSafety, EntryNamesStayInsideTheArchiveAndTheFirstClaimWins) {
-    // libzip refuses to write one name twice: the second name is patched afterwards.
-    const auto archive = ziptest::inMemory(replaced(
+    std::string bytes =
         ziptest::zipOf({{"../../escape.txt"}, {"/etc/absolute.txt"}, {"win\\dows\\path.txt", "backslashes"},
                         {"a/./b/../c.txt"}, {".."}, {"C:/drive.txt"}, {"same.txt", "first"}, {"sam#.txt", "second"},
-                        {"x"}, {"x/under.txt"}, {"y/"}, {"y"}}),
-        "sam#", "same"));
+                        {"x"}, {"x/under.txt"}, {"y/"}, {"y"}});
+    // libzip refuses to write one name twice: the second name, in both of its records, is patched.
+    for (std::size_t at; (at = bytes.find("sam#")) != std::string::npos;) bytes[at + 3] = 'e';
+    const auto archive = ziptest::inMemory(bytes);
     const ZipProvider& zip = *archive.provider;
     EXPECT_EQ(namesOf(zip.listAllRecursive(archive.at("/"))),
               (Names{"C:/", "C:/drive.txt", "a/", "a/c.txt", "escape.txt", "etc/", "etc/absolute.txt", "same.txt",
