@@ -22,7 +22,9 @@ using boost::property_tree::ptree;
 using testsupport::ForwardingProvider;
 
 // A provider with no extension of its own, over a memory store.
-std::shared_ptr<IProvider> plainProvider() { return std::make_shared<ForwardingProvider>(memory::makeMemoryProvider()); }
+std::shared_ptr<IProvider> plainProvider() {
+    return std::make_shared<ForwardingProvider>(memory::makeMemoryProvider());
+}
 
 StorageIRI at(const char16_t* text) { return StorageIRI(ustring(text)); }
 
