@@ -70,20 +70,12 @@ public:
         plan_->arm(FaultPlan::Fault{"next", ordinal, testsupport::FaultKind::Exception, code});
     }
     int listings() const { return seen_->count("doListAll"); }
-    SingleFolderChangePoller::EntryIteratorGetter iteratorGetter() {
-        return [this](StorageIRI f) { return seen_->listAll(f); };
-    }
-    SingleFolderChangePoller::FileAttributesGetter fileAttributesGetter() {
-        return [this](StorageIRI l) { return seen_->getFileAttributes(l); };
-    }
-    SingleFolderChangePoller::FolderAttributesGetter folderAttributesGetter() {
-        return [this](StorageIRI l) { return seen_->getFolderAttributes(l); };
-    }
     std::unique_ptr<SingleFolderChangePoller> poller(ChangeEventCallback callback, std::vector<Kind> kinds,
                                                      RecursiveChangePolling recursive = kFlat) {
-        return std::make_unique<SingleFolderChangePoller>(location_, std::move(callback), iteratorGetter(),
-                                                          fileAttributesGetter(), folderAttributesGetter(),
-                                                          std::move(kinds), recursive);
+        return std::make_unique<SingleFolderChangePoller>(
+            location_, std::move(callback), [this](StorageIRI f) { return seen_->listAll(f); },
+            [this](StorageIRI l) { return seen_->getFileAttributes(l); },
+            [this](StorageIRI l) { return seen_->getFolderAttributes(l); }, std::move(kinds), recursive);
     }
 
 private:
@@ -178,11 +170,9 @@ TEST(SingleFolderChangePoller, AbandonedPollKeepsTheOldSnapshot) {
     EXPECT_EQ(events.take(), Events{"FolderVanished /w folder"});
 }
 
+// The thread sleeps out its period whether or not it has folders to poll.
 TEST(PollingChangeEventsDetector, DestructionWakesThePollingThread) {
-    Folder folder;
     auto detector = std::make_unique<PollingChangeEventsDetector>(ChangeEventCallback(), std::chrono::hours(1));
-    detector->addFolderLocation(folder.location(), folder.iteratorGetter(), folder.fileAttributesGetter(),
-                                folder.folderAttributesGetter(), {Kind::FolderChanged}, kFlat);
     EXPECT_FALSE(detector->isShutdown());
     auto destroyed = std::async(std::launch::async, [&] { detector.reset(); });
     EXPECT_EQ(destroyed.wait_for(60s), std::future_status::ready);
