@@ -1,6 +1,5 @@
 #include "storage/provider/IProvider.h"
 
-#include <algorithm>
 #include <chrono>
 #include <future>
 #include <memory>
@@ -23,7 +22,6 @@ using events::Kind;
 using fake::eventually;
 using fake::Recorder;
 using testsupport::InstrumentedProvider;
-using Events = std::vector<std::string>;
 
 StorageIRI at(const ustring& path) { return StorageIRI(u"mem://" + path); }
 
