@@ -198,14 +198,12 @@ TEST(ZipNesting, ResolvesAndReadsThreeDeep) {
 TEST(ZipNesting, RefusesArchivesNestedTooDeep) {
     std::string bytes = ziptest::zipOf({{"x.txt", "bottom", Method::Stored}});
     for (std::size_t i = 0; i < kMaxContainerNesting; ++i) bytes = ziptest::zipOf({{"a.zip", bytes, Method::Stored}});
-    auto store = memory::makeMemoryProvider();
-    const StorageIRI file(u"mem:///n.zip");
-    ziptest::put(*store, file, bytes);
+    const auto archive = ziptest::inMemory(bytes);
     ZipProviderFactory zips;
     auto entry = [&](std::size_t depth, const ustring& path) {
-        StorageIRI location = file;
+        StorageIRI location = archive.container.getLocation();
         for (std::size_t level = 1; level < depth; ++level) location = StorageIRI(u"zip", location, u"/a.zip");
-        return zips.itemFor(StorageIRI(u"zip", location, path), [&](const StorageIRI&) { return store; });
+        return zips.itemFor(StorageIRI(u"zip", location, path), [&](const StorageIRI&) { return archive.store; });
     };
     const StorageItem deepest = entry(kMaxContainerNesting, u"/a.zip");
     EXPECT_TRUE(deepest.fileExists());
@@ -368,12 +366,10 @@ TEST(ZipSafety, RefusesImplausibleArchives) {
     // read (and memory taken for it): far fewer bytes are asked for than the directory holds.
     std::vector<ziptest::Entry> many;
     for (int i = 0; i < 3000; ++i) many.push_back({"entry" + std::to_string(i) + ".txt", "e", Method::Stored});
-    auto store = memory::makeMemoryProvider();
-    const StorageIRI file(u"mem:///many.zip");
-    ziptest::put(*store, file, ziptest::zipOf(many));
-    auto outer = std::make_shared<testsupport::InstrumentedProvider>(store);
-    const ZipProvider zip(StorageItem(outer, file), ZipLimits{2000, 1100});
-    expectError(ErrorCode::IOError, ziptest::zipLocation(file, "/"), [&] { zip.listAll(ziptest::zipLocation(file, "/")); });
+    const auto archive = ziptest::inMemory(ziptest::zipOf(many));
+    auto outer = std::make_shared<testsupport::InstrumentedProvider>(archive.store);
+    const ZipProvider zip(StorageItem(outer, archive.container.getLocation()), ZipLimits{2000, 1100});
+    expectError(ErrorCode::IOError, archive.at("/"), [&] { zip.listAll(archive.at("/")); });
     long requested = 0;
     for (const std::string& call : outer->calls()) {
         if (call.rfind("read ", 0) == 0) requested += std::stol(call.substr(5));
