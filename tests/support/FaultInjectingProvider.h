@@ -184,7 +184,6 @@ protected:
         if (!fault) return false;
         if (fault->kind == FaultKind::ShortWrite) return true;
         raise(*fault, location, true);
-        return false;
     }
     [[noreturn]] void raise(const FaultPlan::Fault& fault, const StorageIRI& location, bool stream) const {
         if (stream && fault.kind != FaultKind::Exception) {
