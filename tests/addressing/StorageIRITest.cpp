@@ -1,9 +1,7 @@
 #include "storage/provider/StorageIRI.h"
 
-#include <functional>
 #include <stdexcept>
 #include <tuple>
-#include <vector>
 
 #include <boost/functional/hash.hpp>
 #include <gtest/gtest.h>

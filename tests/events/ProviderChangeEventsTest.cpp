@@ -1,6 +1,5 @@
 #include "storage/provider/IProvider.h"
 
-#include <algorithm>
 #include <chrono>
 #include <future>
 #include <memory>
@@ -23,44 +22,31 @@ using events::Kind;
 using fake::eventually;
 using fake::Recorder;
 using testsupport::InstrumentedProvider;
-using Events = std::vector<std::string>;
 
 StorageIRI at(const ustring& path) { return StorageIRI(u"mem://" + path); }
 
-// A memory store with folders /a and /b, watched through IProvider's defaults on a double
-// that records its calls.
-struct Watched {
-    Watched() {
-        store->createFolder(at(u"/a"));
-        store->createFolder(at(u"/b"));
-    }
-    void start(const StorageIRI& folder, Recorder& to, std::vector<Kind> kinds, std::chrono::milliseconds period,
-               RecursiveChangePolling recursive = RecursiveChangePolling::NonRecursive) {
-        provider->startChangePollingMechanism(folder, to.callback(), std::move(kinds), period, recursive);
-    }
-
-    Recorder first;
-    Recorder second;
-    std::shared_ptr<IProvider> store = memory::makeMemoryProvider();
-    std::shared_ptr<InstrumentedProvider> provider = std::make_shared<InstrumentedProvider>(store);
-};
-
+// A start over IProvider's defaults, on a double that records its calls.
 TEST(ProviderChangeEvents, AStartThatCannotTakeItsFirstSnapshotRegistersNothing) {
-    Watched w;
+    std::shared_ptr<IProvider> store = memory::makeMemoryProvider();
+    store->createFolder(at(u"/b"));
+    const auto provider = std::make_shared<InstrumentedProvider>(store);
+    Recorder events;
+    auto start = [&](const ustring& folder, Kind kind, RecursiveChangePolling recursive) {
+        provider->startChangePollingMechanism(at(folder), events.callback(), {kind}, 1h, recursive);
+    };
+    constexpr auto flat = RecursiveChangePolling::NonRecursive;
     // Recursive polling lists through doListAllRecursive, unsupported here: nothing is
     // registered, so a later flat start of the same folder takes effect.
-    EXPECT_EQ(testsupport::errorOf([&] {
-                  w.start(at(u"/b"), w.first, {Kind::EntryAdded}, 1h, RecursiveChangePolling::Recursive);
-              }),
+    EXPECT_EQ(testsupport::errorOf([&] { start(u"/b", Kind::EntryAdded, RecursiveChangePolling::Recursive); }),
               ErrorCode::UnsupportedOperation);
-    EXPECT_EQ(w.provider->count("doListAllRecursive /b"), 1);
-    w.start(at(u"/b"), w.first, {Kind::EntryAdded}, 1h);
-    EXPECT_EQ(w.provider->count("doListAll /b"), 1);
+    EXPECT_EQ(provider->count("doListAllRecursive /b"), 1);
+    start(u"/b", Kind::EntryAdded, flat);
+    EXPECT_EQ(provider->count("doListAll /b"), 1);
 
     // A missing folder fails the start whenever the kinds make the first snapshot read it.
-    EXPECT_EQ(testsupport::errorOf([&] { w.start(at(u"/missing"), w.first, {Kind::EntryRemoved}, 1h); }),
+    EXPECT_EQ(testsupport::errorOf([&] { start(u"/missing", Kind::EntryRemoved, flat); }),
               ErrorCode::ResourceNotFound);
-    EXPECT_NO_THROW(w.start(at(u"/missing"), w.first, {Kind::FolderVanished}, 1h));
+    EXPECT_NO_THROW(start(u"/missing", Kind::FolderVanished, flat));
 }
 
 // InstrumentedProvider does nothing special in its destructor, and the polling thread writes

@@ -64,11 +64,8 @@ struct World {
             rawTarget = std::make_shared<local::LocalProvider>();
             folder = StorageIRI(fl::i18n::to_ustring("file://" + temp->path()));
         } else {
-            rawTarget = memory::makeMemoryProvider();
-            folder = StorageIRI(u"mem:///work");
             rawTarget->createFolder(folder);
         }
-        rawSource->createFolder(StorageIRI(u"mem:///from"));
         target = std::make_shared<FaultInjectingProvider>(rawTarget, plan, targetDefaults);
         source = std::make_shared<FaultInjectingProvider>(rawSource, plan, Defaults::Here);
     }
@@ -82,8 +79,8 @@ struct World {
     std::shared_ptr<FaultPlan> plan = std::make_shared<FaultPlan>();
     std::optional<testsupport::TempFolder> temp;
     std::shared_ptr<IProvider> rawSource = memory::makeMemoryProvider();
-    std::shared_ptr<IProvider> rawTarget;
-    StorageIRI folder{u"mem:///"};
+    std::shared_ptr<IProvider> rawTarget = memory::makeMemoryProvider();
+    StorageIRI folder{u"mem:///work"};
     std::shared_ptr<IProvider> source, target;
     // What a poll published.
     fake::Recorder events;
@@ -455,8 +452,7 @@ constexpr auto Aborted = TransactionStatus::Aborted;
 
 INSTANTIATE_TEST_SUITE_P(
     Copies, StreamedCopies,
-    ::testing::Values(StreamedCopy{"OneByte", 1, Atomic, true, 0, 0, Done, 1, 1, 1},
-                      StreamedCopy{"ChunkAndAByte", 4 * kMiB + 1, Atomic, false, 0, 0, Done, 4 * kMiB + 1, 2, 2},
+    ::testing::Values(StreamedCopy{"ChunkAndAByte", 4 * kMiB + 1, Atomic, false, 0, 0, Done, 4 * kMiB + 1, 2, 2},
                       StreamedCopy{"AtomicAbortKeepsTheTarget", 10 * kMiB, Atomic, true, 1, 0, Aborted, {}, 1, 1},
                       StreamedCopy{"AbortKeepsWhatCame", 10 * kMiB, Plain, true, 2, 0, Aborted, 8 * kMiB, 2, 2},
                       StreamedCopy{"RefusedWriteEnds", 4 * kMiB + 1, Plain, true, 0, 2, Done, 4 * kMiB, 1, 2}),

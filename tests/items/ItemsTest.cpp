@@ -12,22 +12,28 @@
 
 #include "fl/i18n/convert.h"
 #include "storage/provider/Extensions.h"
-#include "support/StubProvider.h"
+#include "storage/provider/memory/MemoryProvider.h"
+#include "support/ForwardingProvider.h"
 
 namespace foundation::storage::provider {
 namespace {
 
 using boost::property_tree::ptree;
-using testsupport::StubProvider;
+using testsupport::ForwardingProvider;
+
+// A provider with no extension of its own, over a memory store.
+std::shared_ptr<IProvider> plainProvider() {
+    return std::make_shared<ForwardingProvider>(memory::makeMemoryProvider());
+}
 
 StorageIRI at(const char16_t* text) { return StorageIRI(ustring(text)); }
 
 // Items are equal when they share a provider instance and a location. The extensions that an
 // item's provider lacks, or an item without a provider, are skipped.
 TEST(StorageItem, ComparesByProviderInstanceAndSkipsMissingExtensions) {
-    const StorageItem item(std::make_shared<StubProvider>(), at(u"mem:///docs/a.txt"));
+    const StorageItem item(plainProvider(), at(u"mem:///docs/a.txt"));
     EXPECT_NE(StorageItem(item, at(u"mem:///docs/b.txt")), item);
-    EXPECT_NE(StorageItem(std::make_shared<StubProvider>(), at(u"mem:///docs/a.txt")), item);
+    EXPECT_NE(StorageItem(plainProvider(), at(u"mem:///docs/a.txt")), item);
     for (StorageItem plain : {item, StorageItem(nullptr, at(u"mem:///a"))}) {
         EXPECT_NO_THROW(plain.configure(ptree()));
         EXPECT_NO_THROW(plain.flushFilesystem());
@@ -35,8 +41,9 @@ TEST(StorageItem, ComparesByProviderInstanceAndSkipsMissingExtensions) {
     }
 }
 
-class ConfigurableProvider : public testsupport::BasicStubProvider<IConfigurableProvider> {
+class ConfigurableProvider : public testsupport::BasicForwardingProvider<IConfigurableProvider> {
 public:
+    ConfigurableProvider() : BasicForwardingProvider(memory::makeMemoryProvider()) {}
     std::vector<ptree> configurations;
     int shutdowns = 0;
     std::function<void()> onConfigure;  // runs inside doConfigure, as onShutdown inside doShutdown
@@ -84,7 +91,10 @@ protected:
         const ustring host = location.getHost();
         if (host == u"fail-build") throw Exception(ErrorCode::IOError, location);
         if (host == u"null") return nullptr;
-        if (host.starts_with(u"counted")) return std::allocate_shared<StubProvider>(CountingAllocator<StubProvider>());
+        if (host.starts_with(u"counted")) {
+            return std::allocate_shared<ForwardingProvider>(CountingAllocator<ForwardingProvider>(),
+                                                            memory::makeMemoryProvider());
+        }
         auto provider = std::make_shared<ConfigurableProvider>();
         if (failConfigure) provider->onConfigure = [] { throw std::runtime_error("bad configuration"); };
         return provider;

@@ -19,25 +19,20 @@ constexpr auto Commit = StreamClosePolicy::Commit;
 constexpr auto Abort = StreamClosePolicy::Abort;
 const StorageIRI kTarget(u"mem:///folder/target.txt");
 
-// A data stream that takes every write and holds nothing.
-struct Sink : ByteStream {
-    long doRead(char*, long) override { return -1; }
-    long doWrite(const char*, long count) override { return count; }
-    std::streampos doSeek(long, std::ios_base::seekdir) override { return 0; }
-    void doClose() override {}
-};
-
-// A data stream that counts its closes and fails them while `failClose` is set, under a
-// transactional stream whose close action records each policy.
+// A data stream that takes every write, holds nothing, counts its closes and fails them while
+// `failClose` is set, under a transactional stream whose close action records each policy.
 struct Recorder {
     int closes = 0;
     bool failClose = false;
     Policies calls;
     std::function<void(const StreamClosePolicy&)> action = [this](const StreamClosePolicy& p) { calls.push_back(p); };
 
-    struct Probed : Sink {
+    struct Probed : ByteStream {
         Recorder& recorder;
         explicit Probed(Recorder& r) : recorder(r) {}
+        long doRead(char*, long) override { return -1; }
+        long doWrite(const char*, long count) override { return count; }
+        std::streampos doSeek(long, std::ios_base::seekdir) override { return 0; }
         void doClose() override {
             ++recorder.closes;
             if (recorder.failClose) throw ByteStreamFailure(ErrorCode::NoSpaceLeft, "close failed");
@@ -50,11 +45,9 @@ struct Recorder {
     }
 };
 
-// A write through a read-only stream fails; reported at a location, the failure keeps its code
-// and its own words, without the iostream's.
+// Reported at a location, a stream failure keeps its code and its own words, without the
+// iostream's.
 TEST(ByteStreamFailure, KeepsItsCodeAndWords) {
-    std::unique_ptr<ByteStream> inner = std::make_unique<Sink>();
-    EXPECT_THROW(SafeByteStream::openReadOnly(inner)->write("x", 1), ByteStreamWriteFailure);
     const Exception e = streamFailureAt(ByteStreamWriteFailure(), kTarget);
     EXPECT_EQ(e.getErrorCode(), ErrorCode::IOError);
     EXPECT_EQ(e.getStorageIRI(), kTarget);

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <exception>
 
 namespace foundation::storage::provider::testsupport {
@@ -26,23 +27,17 @@ std::optional<std::string> asNobody(const std::function<std::string()>& body) {
                 text = std::string("exception: ") + e.what();
             }
         }
-        for (std::size_t done = 0; done < text.size();) {
-            const ssize_t n = ::write(pipe[1], text.data() + done, text.size() - done);
-            if (n <= 0) break;
-            done += static_cast<std::size_t>(n);
-        }
+        std::FILE* out = ::fdopen(pipe[1], "w");
+        std::fwrite(text.data(), 1, text.size(), out);
+        std::fclose(out);
         ::_exit(0);  // no test framework, no destructors of the parent's objects
     }
     ::close(pipe[1]);
+    std::FILE* in = ::fdopen(pipe[0], "r");
     std::string text;
-    char buffer[256];
-    for (ssize_t n; (n = ::read(pipe[0], buffer, sizeof buffer)) != 0;) {
-        if (n > 0) text.append(buffer, static_cast<std::size_t>(n));
-        if (n < 0 && errno != EINTR) break;
-    }
-    ::close(pipe[0]);
-    int status = 0;
-    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    for (int c; (c = std::fgetc(in)) != EOF;) text += static_cast<char>(c);
+    std::fclose(in);
+    while (::waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
     }
     return text;
 }

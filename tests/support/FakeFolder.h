@@ -82,15 +82,6 @@ public:
         return std::exchange(events_, {});
     }
 
-    // Waits until `count` events are recorded (generous deadline); returns them all.
-    std::vector<std::string> waitFor(std::size_t count) {
-        eventually([&] {
-            std::lock_guard lock(mutex_);
-            return events_.size() >= count;
-        });
-        return take();
-    }
-
 private:
     const std::optional<StorageIRI> folder_;
     std::mutex mutex_;

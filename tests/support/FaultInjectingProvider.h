@@ -1,6 +1,5 @@
 #pragma once
 
-#include <algorithm>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -185,7 +184,6 @@ protected:
         if (!fault) return false;
         if (fault->kind == FaultKind::ShortWrite) return true;
         raise(*fault, location, true);
-        return false;
     }
     [[noreturn]] void raise(const FaultPlan::Fault& fault, const StorageIRI& location, bool stream) const {
         if (stream && fault.kind != FaultKind::Exception) {
@@ -228,12 +226,6 @@ protected:
                                                                    const ByteStreamOpenOptions& o) const override {
         auto stream = ForwardingProvider::doOpenTransactionalStream(l, o);
         if (here("doOpenTransactionalStream")) return stream;
-        return std::make_unique<Transaction>(std::move(stream), *this, l);
-    }
-    std::unique_ptr<TransactionalStream> doOpenTransactionalStreamAtScratchLocation(
-        const StorageIRI& l, const StorageIRI& s, const ByteStreamOpenOptions& o) const override {
-        auto stream = ForwardingProvider::doOpenTransactionalStreamAtScratchLocation(l, s, o);
-        if (here("doOpenTransactionalStreamAtScratchLocation")) return stream;
         return std::make_unique<Transaction>(std::move(stream), *this, l);
     }
     std::unique_ptr<IFolderEntryIterator> doListAll(const StorageIRI& f) const override {

@@ -9,12 +9,14 @@
 
 namespace foundation::storage::provider::testsupport {
 
-class ForwardingProvider;
+template <class Base>
+class BasicForwardingProvider;
 
 // Names IProvider's protected members as pointers to members, which C++ lets a class form
 // only through itself or for its friends. Never instantiated.
 struct ProviderSlots : IProvider {
-    friend class ForwardingProvider;
+    template <class Base>
+    friend class BasicForwardingProvider;
 };
 
 // The name of the listing member that a request stands for ("doListFilesNamesOnlyWildcards").
@@ -34,11 +36,13 @@ inline std::string listingMember(const ListingRequest& request) {
 // the three plain listings) runs IProvider's own default on this object instead, so a
 // default under test works over a real store and each of its steps comes back through here.
 // Doubles derive from it, override enter() or a member, and call the base for the real work.
-class ForwardingProvider : public IProvider {
+// `Base` is IProvider or an interface derived from it, whose own pure members the double adds.
+template <class Base = IProvider>
+class BasicForwardingProvider : public Base {
 public:
     enum class Defaults { Target, Here };
 
-    explicit ForwardingProvider(std::shared_ptr<IProvider> target, Defaults defaults = Defaults::Target)
+    explicit BasicForwardingProvider(std::shared_ptr<IProvider> target, Defaults defaults = Defaults::Target)
         : target_(std::move(target)), defaults_(defaults) {}
 
 protected:
@@ -147,5 +151,7 @@ private:
     std::shared_ptr<IProvider> target_;
     Defaults defaults_;
 };
+
+using ForwardingProvider = BasicForwardingProvider<>;
 
 }  // namespace foundation::storage::provider::testsupport

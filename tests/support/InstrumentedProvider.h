@@ -31,8 +31,7 @@ public:
     // How many calls of `name`: a member's name, a stream operation's ("write") or a whole
     // call ("doListAll /a").
     int count(const std::string& name) const {
-        const std::vector<std::string> all = calls();
-        return static_cast<int>(std::count_if(all.begin(), all.end(), [&name](const std::string& call) {
+        return static_cast<int>(std::ranges::count_if(calls(), [&name](const std::string& call) {
             return call == name || call.substr(0, call.find(' ')) == name;
         }));
     }

@@ -18,6 +18,7 @@
 
 #include "providers/zip/ZipTestSupport.h"
 #include "storage/provider/Version.h"
+#include "support/FakeFolder.h"
 #include "support/TempFolder.h"
 
 namespace {
@@ -26,11 +27,8 @@ namespace fs = std::filesystem;
 namespace sp = foundation::storage::provider;
 namespace ziptest = sp::zip::ziptest;
 using namespace std::chrono_literals;
-using Deadline = std::chrono::steady_clock::time_point;
 
 constexpr auto npos = std::string::npos;
-
-Deadline after(std::chrono::milliseconds wait) { return std::chrono::steady_clock::now() + wait; }
 
 // How a run ended: its exit status (128 + the signal when a signal ended it, -1 when it ran
 // past its deadline) and what it wrote.
@@ -70,8 +68,9 @@ public:
         std::fclose(err_);
     }
 
-    // The first line of output that holds `text`; empty when the deadline passes first.
-    std::optional<std::string> waitForLine(const std::string& text, Deadline deadline) const {
+    // The first line of output that holds `text`; empty when `limit` passes first.
+    std::optional<std::string> waitForLine(const std::string& text, std::chrono::milliseconds limit) const {
+        const auto deadline = std::chrono::steady_clock::now() + limit;
         for (; std::chrono::steady_clock::now() < deadline; std::this_thread::sleep_for(10ms)) {
             std::istringstream lines(contentOf(out_));
             for (std::string line; std::getline(lines, line);) {
@@ -81,11 +80,9 @@ public:
         return std::nullopt;
     }
     void signal(int number) const { ::kill(pid_, number); }
-    Outcome wait(Deadline deadline) {
+    Outcome wait(std::chrono::milliseconds limit) {
         int raw = 0;
-        for (; ::waitpid(pid_, &raw, WNOHANG) != pid_; std::this_thread::sleep_for(10ms)) {
-            if (std::chrono::steady_clock::now() >= deadline) return {};
-        }
+        if (!sp::fake::eventually([&] { return ::waitpid(pid_, &raw, WNOHANG) == pid_; }, limit)) return {};
         pid_ = -1;
         return {WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw), contentOf(out_), contentOf(err_)};
     }
@@ -112,12 +109,12 @@ protected:
             return entry.path().filename().string().starts_with('.') && entry.path().string().ends_with(".tmp.bak");
         });
     }
-    Outcome qkfl(const std::vector<std::string>& args) const { return Qkfl(args, temp_.path()).wait(after(600s)); }
+    Outcome qkfl(const std::vector<std::string>& args) const { return Qkfl(args, temp_.path()).wait(600s); }
     // Makes probe files in `folder` until the watcher reports one: from then on it watches.
     bool untilWatching(const Qkfl& watcher, const std::string& folder) const {
         for (int i = 0; i < 200; ++i) {
             write(folder + "/probe-" + std::to_string(i), "p");
-            if (watcher.waitForLine("probe-" + std::to_string(i), after(300ms))) return true;
+            if (watcher.waitForLine("probe-" + std::to_string(i), 300ms)) return true;
         }
         return false;
     }
@@ -252,13 +249,11 @@ TEST_F(QkflCli, InterruptedCopyStopsThroughTheCallback) {
         if (atomic) args.insert(args.begin() + 1, "--atomic");
         Qkfl copy(args, temp_.path());
         // Under way: an atomic copy writes its scratch file, a plain one the target itself.
-        const Deadline deadline = after(120s);
-        while (atomic ? scratchFiles() == 0 : fs::file_size(path("target.bin")) < (4u << 20)) {
-            ASSERT_LT(std::chrono::steady_clock::now(), deadline) << ::testing::PrintToString(args);
-            std::this_thread::sleep_for(10ms);
-        }
+        ASSERT_TRUE(sp::fake::eventually(
+            [&] { return atomic ? scratchFiles() > 0 : fs::file_size(path("target.bin")) >= (4u << 20); }, 120s))
+            << ::testing::PrintToString(args);
         copy.signal(SIGINT);
-        const Outcome o = copy.wait(after(120s));
+        const Outcome o = copy.wait(120s);
         EXPECT_EQ(o.status, 130) << ::testing::PrintToString(args);
         EXPECT_EQ(o.err, "qkfl: cp: " + iri("target.bin") + ": interrupted, " +
                               (atomic ? "the target is as it was\n" : "the target holds what was copied so far\n"));
@@ -276,14 +271,14 @@ TEST_F(QkflCli, WatchPrintsOneLinePerEventUntilItsFolderGoes) {
     Qkfl watch({"watch", "--poll", "50", "--json", "--kinds", "added,EntryRemoved", path("w")}, temp_.path());
     ASSERT_TRUE(untilWatching(watch, "w"));
     write("w/new.txt", "n");
-    EXPECT_EQ(watch.waitForLine("new.txt", after(60s)), R"({"kind":"EntryAdded","type":"file","folder":")" +
+    EXPECT_EQ(watch.waitForLine("new.txt", 60s), R"({"kind":"EntryAdded","type":"file","folder":")" +
                                                              iri("w") + R"(","entry":")" + iri("w/new.txt") +
                                                              R"("})");
     fs::remove(path("w/new.txt"));
-    ASSERT_TRUE(watch.waitForLine("EntryRemoved", after(60s)));
+    ASSERT_TRUE(watch.waitForLine("EntryRemoved", 60s));
     // FolderVanished is not shown, yet the watch ends with the folder.
     fs::remove_all(path("w"));
-    const Outcome o = watch.wait(after(60s));
+    const Outcome o = watch.wait(60s);
     EXPECT_EQ(o.status, 0);
     EXPECT_EQ(o.err, "");
     std::istringstream lines(o.out);

@@ -2,7 +2,6 @@
 
 #include <zip.h>
 
-#include <cstring>
 #include <stdexcept>
 
 #include "fl/i18n/convert.h"
