@@ -134,7 +134,7 @@ void IProvider::doTruncateToSize(const StorageIRI& location, std::uint64_t size)
             shrinkFile(location, size);
         }
     } catch (const Exception& e) {
-        throw Exception(e.getErrorCode(), location);
+        throw relocate(e, location);
     }
 }
 

@@ -47,6 +47,14 @@ TEST(CreateFolderRecursive, ReportsFailuresForTheRequestedLocation) {
     EXPECT_EQ(rootless.count("doCreateFolder"), 0);
 }
 
+TEST(TruncateToSize, ReportsFailuresWithTheirReason) {
+    Fixture f;
+    f.provider->attributesFailure = u"the server went away";
+    const auto failure = testsupport::failureOf([&] { f.provider->truncateToSize(at(u"/a"), 1); });
+    EXPECT_EQ(failure.code, ErrorCode::IOError);
+    EXPECT_EQ(failure.reason, u"the server went away");
+}
+
 TEST(CopyFile, AWriteOfMinusOneDropsTheRestOfItsChunkOnly) {
     Fixture f;
     testsupport::put(*f.store, at(u"/src"), pattern(5000));

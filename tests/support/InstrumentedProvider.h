@@ -44,6 +44,9 @@ public:
     std::function<std::optional<long>(long count)> writeResult;
     // When set, a stream read asks the target stream for at most this many bytes.
     std::function<long(long count)> readLimit;
+    // When set, reading a file's attributes fails with IOError and this reason, as a store
+    // that went away answers.
+    std::optional<ustring> attributesFailure;
 
 protected:
     void enter(const std::string& member, const StorageIRI* first, const StorageIRI* second) const override {
@@ -58,6 +61,10 @@ protected:
     }
     std::unique_ptr<ByteStream> doOpenReadOnlyStream(const StorageIRI& l) const override {
         return std::make_unique<Stream>(ForwardingProvider::doOpenReadOnlyStream(l), *this);
+    }
+    FileAttributes doGetFileAttributes(const StorageIRI& l) const override {
+        if (attributesFailure) throw addExceptionContext(Exception(ErrorCode::IOError, l), *attributesFailure);
+        return ForwardingProvider::doGetFileAttributes(l);
     }
 
 private:

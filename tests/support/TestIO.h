@@ -94,12 +94,13 @@ inline std::set<std::string> entrySet(std::unique_ptr<IFolderEntryIterator> list
 struct Failure {
     ErrorCode code = ErrorCode::Unknown;
     std::optional<StorageIRI> location;
+    ustring reason;  // the contexts, top first
 };
 inline Failure failureOf(const std::function<void()>& action) {
     try {
         action();
     } catch (const Exception& e) {
-        return {e.getErrorCode(), e.getStorageIRI()};
+        return {e.getErrorCode(), e.getStorageIRI(), e.getExceptionContextsString()};
     }
     ADD_FAILURE() << "nothing was thrown";
     return {};

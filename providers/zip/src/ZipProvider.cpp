@@ -70,7 +70,7 @@ std::shared_ptr<const detail::Archive> ZipProvider::archive(const StorageIRI& lo
     try {
         now.emplace(container_.getFileAttributes());
     } catch (const Exception& e) {
-        throw Exception(e.getErrorCode(), location);
+        throw relocate(e, location);
     }
     std::lock_guard lock(mutex_);
     if (archive_ && archive_->isCurrent(*now)) return archive_;

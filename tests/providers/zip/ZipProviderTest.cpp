@@ -123,6 +123,13 @@ TEST(ZipProvider, RefusesWhatNoArchiveHolds) {
         EXPECT_EQ(zip.exists(entry), ExistenceType::AsNeither);
         expectError(code, entry, [&] { zip.getFileAttributes(entry); });
     }
+    // A container that cannot be reached: the entry fails with the store's reason.
+    auto unreachable = std::make_shared<testsupport::InstrumentedProvider>(store);
+    unreachable->attributesFailure = u"the server went away";
+    const StorageIRI entry = ziptest::zipLocation(StorageIRI(u"mem:///a.zip"), "/a.txt");
+    const auto failure = testsupport::failureOf([&] { ZipProvider(StorageItem(unreachable, entry.getInnerIRI())).exists(entry); });
+    EXPECT_EQ(failure.reason, u"the server went away");
+    EXPECT_EQ(failure.location, entry);
 }
 
 TEST(ZipProvider, ReadsTheContainerOnceAndNoticesItChange) {
