@@ -84,7 +84,6 @@ TEST(StorageIRI, ChildLocationsAreTheirText) {
     }
 }
 
-
 // Every parent is shorter than its child, so walking up ends; a doubled '/' before the name
 // goes with it, so the parent is still an ancestor.
 TEST(StorageIRI, ParentsAndRoots) {

@@ -352,7 +352,6 @@ TEST_F(LocalProviderTest, OtherFileSystemsBelow) {
     hideMountIds = false;
     EXPECT_EQ(readFile(path("other/fs/kept")), "k");
 
-
     // Moves across file systems keep mode, time and links.
     writeFile(path("file"), "content");
     ASSERT_EQ(::chmod(path("file").c_str(), 0604), 0);

@@ -430,6 +430,5 @@ TEST(ZipSafety, TruncatedArchivesFailCleanly) {
     }
 }
 
-
 }  // namespace
 }  // namespace foundation::storage::provider::zip
